@@ -1,0 +1,142 @@
+// The before-init heap on heaps of its own: each test builds a fresh object (zeroed, as a
+// global would be) so that the arithmetic starts from a known base.
+#include "startup/quorla_before_init.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+namespace quorla {
+namespace {
+
+class BeforeInitHeap : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    memset(storage_, 0, sizeof(storage_));
+    heap_ = new (storage_) Memory_before_init_data;
+  }
+  unsigned char* next() const { return heap_->get_next_ptr(); }
+  unsigned long used() const { return heap_->get_use_byte(); }
+
+  alignas(Memory_before_init_data) unsigned char storage_[sizeof(Memory_before_init_data)];
+  Memory_before_init_data* heap_ = nullptr;
+};
+
+TEST_F(BeforeInitHeap, FirstUseTakesTheWholeBufferAndWritesTheHeader) {
+  EXPECT_EQ(heap_->get_all_byte(), 0u);
+  auto* block = static_cast<unsigned char*>(heap_->malloc(100));
+  EXPECT_EQ(heap_->get_all_byte(), k_before_init_byte);
+  EXPECT_EQ(block, heap_->get_base_ptr() + 16);
+  auto* header = reinterpret_cast<Struct_before_init_header*>(block - 16);
+  EXPECT_EQ(header->ptr_self, block - 16);
+  EXPECT_EQ(header->uint_block_unit, (100u + 31) >> 4);
+  EXPECT_EQ(header->uint_tag, 0x89ABCDEFu);
+  EXPECT_EQ(used(), 128u);  // header + 100 rounded up to 16
+  EXPECT_EQ(heap_->get_free_byte(), k_before_init_byte - 128);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u) << "sbrk gave a 16-aligned base";
+}
+
+TEST_F(BeforeInitHeap, SizesZeroAndOneBothTakeThirtyTwoBytesAndOfferSixteen) {
+  void* zero = heap_->malloc(0);
+  EXPECT_EQ(used(), 32u);
+  void* one = heap_->malloc(1);
+  EXPECT_EQ(used(), 64u);
+  EXPECT_EQ(heap_->get_malloc_size(zero), 16u);
+  EXPECT_EQ(heap_->get_malloc_size(one), 16u);
+  void* seventeen = heap_->malloc(17);
+  EXPECT_EQ(heap_->get_malloc_size(seventeen), 32u);
+  EXPECT_EQ(used(), 64u + 48u);
+}
+
+TEST_F(BeforeInitHeap, OnlyTheNewestBlockRewindsAndOnlyByItsOwnSize) {
+  heap_->malloc(10);
+  void* first = heap_->malloc(100);
+  void* second = heap_->malloc(200);
+  unsigned long before = used();
+  heap_->free(first);  // not the newest: lost
+  EXPECT_EQ(used(), before);
+  heap_->free(second);  // newest: rewinds by 16 + 208
+  EXPECT_EQ(used(), before - 224);
+  heap_->free(first);  // now the newest again, but it was already passed over once
+  EXPECT_EQ(used(), before - 224 - 128) << "a block that is newest again can still rewind";
+}
+
+TEST_F(BeforeInitHeap, AllocateFreeAllocateReturnsTheSameAddress) {
+  heap_->malloc(40);
+  void* block = heap_->malloc(300);
+  heap_->free(block);
+  EXPECT_EQ(heap_->malloc(300), block);
+}
+
+TEST_F(BeforeInitHeap, PointersWithoutAValidHeaderAreIgnored) {
+  auto* block = static_cast<unsigned char*>(heap_->malloc(256));
+  unsigned long before = used();
+  heap_->free(block + 32);  // inside the block, no header there
+  EXPECT_EQ(used(), before);
+  reinterpret_cast<Struct_before_init_header*>(block - 16)->uint_tag = 0;
+  heap_->free(block);
+  EXPECT_EQ(used(), before) << "a damaged tag makes the block unknown";
+}
+
+TEST_F(BeforeInitHeap, ExactlyFillingTheBufferPasses) {
+  // 393216 bytes in blocks of 4096 (header included): 96 blocks of 4080 requested bytes.
+  for (int i = 0; i < 96; ++i) heap_->malloc(4096 - 16);
+  EXPECT_EQ(used(), static_cast<unsigned long>(k_before_init_byte));
+  EXPECT_EQ(heap_->get_free_byte(), 0u);
+}
+
+TEST_F(BeforeInitHeap, OneUnitMoreThanTheBufferAborts) {
+  EXPECT_DEATH(
+      {
+        for (int i = 0; i < 95; ++i) heap_->malloc(4096 - 16);
+        heap_->malloc(4096 - 16 + 1);  // one 16-byte unit past the end
+      },
+      "^Error: Memory_before_init_data::add_use_byte\\(\\) over size\\.\r\n$");
+}
+
+TEST_F(BeforeInitHeap, AlignedFormOnAnAlreadyAlignedAddress) {
+  heap_->malloc(17);  // 48 bytes: the next block's payload lands on base + 64
+  unsigned long before = used();
+  auto* block = static_cast<unsigned char*>(heap_->malloc_align(32, 100));
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 32, 0u);
+  EXPECT_EQ(used(), before + 128) << "the probe block was rewound";
+}
+
+TEST_F(BeforeInitHeap, AlignedFormPadsWithABlockOfItsOwn) {
+  auto* block = static_cast<unsigned char*>(heap_->malloc_align(64, 100));
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 64, 0u);
+  EXPECT_EQ(block, heap_->get_base_ptr() + 64) << "padding of 48 bytes, then the header";
+  EXPECT_EQ(heap_->get_malloc_size(block), 112u);
+}
+
+TEST_F(BeforeInitHeap, AlignedFormWithADifferenceOfSixteenAbortsWithTheLogLine) {
+  // A fresh heap's first payload is base + 16, 16 mod 32: the padding request would be 0.
+  EXPECT_DEATH(heap_->malloc_align(32, 100),
+               "^Log: quorla_malloc_before_init_align\\(\\) sizet_size_in=100, sizet_real_malloc_size=132, "
+               "uint_diff=16, sizet_alignment_in=32, sizet_test=16\r\n$");
+}
+
+TEST_F(BeforeInitHeap, ReallocAlwaysMovesAndCopiesTheSmallerSize) {
+  auto* block = static_cast<unsigned char*>(heap_->malloc(64));
+  for (int i = 0; i < 64; ++i) block[i] = static_cast<unsigned char>(i + 1);
+  auto* larger = static_cast<unsigned char*>(heap_->realloc(block, 200));
+  ASSERT_NE(larger, block);
+  for (int i = 0; i < 64; ++i) EXPECT_EQ(larger[i], i + 1);
+  // The rounded size is allocated again with a header on top: 200 -> 224 requested.
+  EXPECT_EQ(heap_->get_malloc_size(larger), 240u);
+  auto* smaller = static_cast<unsigned char*>(heap_->realloc(larger, 10));
+  EXPECT_NE(smaller, larger);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(smaller[i], i + 1);
+  auto* same = heap_->realloc(smaller, 10);
+  EXPECT_NE(same, smaller) << "not even an equal size stays in place";
+}
+
+TEST(BeforeInitGlobal, TheMagicIsTheSwitchValue) {
+  EXPECT_EQ(k_memory_magic_flag, 0x2A5C7241u);
+  EXPECT_EQ(k_memory_magic_flag, 710701633u);
+}
+
+}  // namespace
+}  // namespace quorla
