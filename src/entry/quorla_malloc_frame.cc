@@ -1,33 +1,141 @@
-// malloc and free: the first tests of every request, in their fixed order.
+// malloc and free: every request starts here, and is decided by arithmetic on the size (for
+// malloc) or on the address (for free). No block has a header; the owner's path takes no
+// lock and makes no atomic read-modify-write.
 //
 //   malloc(size)
-//     size > 2048000 ............................ operating-system tier (not built yet)
+//     size > 2048000 ............................ quorla_os_malloc (own mapping)
 //     magic != 710701633 ........................ before-init heap
-//     (the real tiers are wired in below as they land)
+//     background request pending ................ start it, configuration gate   (cold)
+//     heap: main thread's, else the registry's
+//     foreign frees pending ...................... pop_batch                       (cold)
+//     <= 8 ....................................... group_8byte, take one block
+//     <= 224 ..................................... ar_group[((size + 15) >> 4) - 1], take one block
+//     <= 3408 .................................... route table: one block, or a run of the group
+//     <= 4096 .................................... one page of the page group
+//     <= 10240 ................................... 1024-byte group run (8 KB: two pages)
+//     else ........................................ page run of the page group
 //
 //   free(ptr)
 //     store fence
-//     ptr below the before-init bump pointer ..... rewind if at or above its base, else drop
-//     magic != 710701633 ........................ drop: not ready, or shut down
-//     (region lookup and owner test follow with the real tiers)
-//
-// The public release path is silent about bad pointers.
+//     below the before-init bump pointer ......... rewind if a before-init block, else drop
+//     magic != 710701633 ........................ drop
+//     region-aligned ............................. quorla_os_free
+//     region head does not point back ............ drop
+//     owner is another thread .................... the owner's queue               (cold)
+//     slot > 511 ................................. small-block release
+//     slot 0 ..................................... drop (double free of a page block)
+//     slot 1, else ............................... page release, then the group's rules
 #include "entry/quorla_malloc_frame.h"
 
+#include "entry/quorla_size_route.h"
+#include "foundation/quorla_atomic.h"
+#include "foundation/quorla_thread_self.h"
+#include "os_memory/quorla_memory_settings.h"
+#include "page_heap/quorla_os_umap_ptr_size.h"
 #include "startup/quorla_before_init.h"
+#include "thread_heap/quorla_thread_registry.h"
+
+namespace quorla {
+
+unsigned int g_uint_memory_malloc_128byte_count = 0;
+std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count{0};
+
+namespace {
+
+// The first 128-byte request is the late moment at which the configuration is looked at,
+// unless something earlier caused it. The counter moves first, so allocations made by the
+// configuration reader do not enter here again.
+QUORLA_COLD void run_configuration_gate() {
+  atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u);
+}
+
+// A request from deep in the allocator to start the background thread, acted on here.
+QUORLA_COLD void act_on_background_request() {
+  g_bool_memory_need_enable_thread_background = false;
+  store_fence();
+  run_configuration_gate();
+}
+
+QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
+  // Served one group up (144-byte blocks); every later 128-byte request uses its own group.
+  g_uint_memory_malloc_128byte_count = 1;
+  run_configuration_gate();
+  return heap->ar_group[8].take_one_block();
+}
+
+QUORLA_INLINE Memory_thread_local_data* heap_of_this_thread() {
+  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
+  unsigned long thread_id = thread_self();
+  // The main thread never touches the registry.
+  if (QUORLA_UNLIKELY(thread_id != g_sizet_main_thread_id)) heap = get_memory_thread_local_data(thread_id);
+  return heap;
+}
+
+QUORLA_INLINE void drain_foreign_frees(Memory_thread_local_data* heap) {
+  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
+  if (QUORLA_UNLIKELY(queue != nullptr && queue->uint_need_pop != 0)) queue->pop_batch();
+}
+
+// The release of a page block of this thread's page piece, then the page group's rules.
+QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* page_piece, unsigned long slot, unsigned int page) {
+  if (slot == 1) {
+    page_piece->free_one_bit(page);
+  } else {
+    page_piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
+  }
+  page_piece->ptr_page_group->after_release(page_piece);
+}
+
+QUORLA_COLD void free_foreign(Memory_bitmap_page_group* group, void* ptr) {
+  Memory_mpsc_queue_wait_release* queue = group->ptr_mpsc_queue_wait_release;
+  if (queue == nullptr) {
+    group->init_ptr_mpsc_queue_wait_release();
+    queue = group->ptr_mpsc_queue_wait_release;
+  }
+  queue->push_foreign(ptr);
+}
+
+}  // namespace
+
+}  // namespace quorla
 
 extern "C" {
 
 QUORLA_EXPORT void* quorla_malloc(size_t size) noexcept {
   using namespace quorla;
-  // The operating-system tier for requests above 2048000 bytes is not built yet: such a
-  // request takes the next branch too (and ends in the heap's over-size abort).
-  if (g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag) {
+  // Before the magic test: a large request made before start-up already maps.
+  if (QUORLA_UNLIKELY(size > k_region_limit_byte)) {
+    load_fence();
+    return quorla_os_malloc(size);
+  }
+  if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) {
     load_fence();
     return quorla_malloc_before_init(static_cast<unsigned int>(size));
   }
-  // Nothing sets the magic until start-up's guard exists; the real tiers go here.
-  return quorla_malloc_before_init(static_cast<unsigned int>(size));
+  if (QUORLA_UNLIKELY(g_bool_memory_need_enable_thread_background)) act_on_background_request();
+  Memory_thread_local_data* heap = heap_of_this_thread();
+  drain_foreign_frees(heap);
+  if (size <= k_group_8byte_limit_byte) return heap->group_8byte.take_one_block();
+  if (size <= k_arithmetic_route_limit_byte) {
+    if (QUORLA_UNLIKELY(size == k_config_trigger_byte) && g_uint_memory_malloc_128byte_count == 0) {
+      return malloc_first_128_byte(heap);
+    }
+    return heap->ar_group[((size + 15) >> 4) - 1].take_one_block();
+  }
+  if (size <= k_small_route_limit_byte) {
+    unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];
+    Memory_bitmap_group& group = heap->ar_group[entry & 15];
+    unsigned int bits = entry >> 4;
+    if (bits == 1) return group.take_one_block();
+    return group.malloc_bit_size(bits);
+  }
+  if (size <= k_page_byte) return heap->page_group.take_one_page();
+  if (size <= k_group_1024_limit_byte) {
+    unsigned int blocks = static_cast<unsigned int>((size + 1023) >> 10);
+    // An exact 8 KB run is left to the page tier while its neighbours stay in the group.
+    if (blocks != 8) return heap->ar_group[15].malloc_bit_size(blocks);
+  }
+  return heap->page_group.malloc_bit_size(static_cast<unsigned int>((size + 4095) >> 12));
 }
 
 QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
@@ -41,8 +149,50 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
     }
     return;
   }
-  if (g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag) return;
+  // Not ready, or shut down: the block simply stays.
+  if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) return;
+  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
+  // Only the large-allocation tier hands out region-aligned pointers.
+  if (QUORLA_UNLIKELY(offset == 0)) {
+    load_fence();
+    quorla_os_free(ptr);
+    return;
+  }
+  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
+  auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
+  // The one check that a pointer belongs to the allocator at all.
+  if (QUORLA_UNLIKELY(page_piece->ptr_byte_block != reinterpret_cast<unsigned char*>(slots))) return;
+  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned long slot = slots[page];
+  Memory_bitmap_page_group* group = page_piece->ptr_page_group;
+  if (QUORLA_UNLIKELY(group->ulong_thread_id != thread_self())) {
+    free_foreign(group, ptr);
+    return;
+  }
+  if (QUORLA_LIKELY(slot > 511)) {
+    reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
+    return;
+  }
+  if (slot == 0) return;
+  release_pages(page_piece, slot, page);
 }
+
+QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
+  using namespace quorla;
+  // Assumes an in-region pointer of this thread's heap: none of free's guards.
+  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
+  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
+  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned long slot = slots[page];
+  if (slot > 511) {
+    reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
+    return;
+  }
+  // Unlike free, a slot of 0 goes on to the run release, which finds nothing to release.
+  release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]), slot, page);
+}
+
+QUORLA_EXPORT void quorla_free_local_thread_use_ref(void** ptr_ref) noexcept { quorla_free_local_thread(*ptr_ref); }
 
 #if QUORLA_STANDARD_NAMES
 // The standard names are the same functions, not forwarders: one address, two symbols.

@@ -73,5 +73,7 @@ class Stack_message {
 
 // A fixed text by one fwrite to standard error, then abort().
 [[noreturn]] void write_and_abort(const char* text);
+// A fixed text by one fwrite to standard error; the caller goes on.
+void write_line(const char* text);
 
 }  // namespace quorla

@@ -1,0 +1,161 @@
+#include "page_heap/quorla_bitmap_page_part_cpu.h"
+
+#include <cstring>
+
+#include "os_memory/quorla_os_mmap.h"
+
+namespace quorla {
+
+std::array<Memory_page_part_cpu, 8> g_ar_memory_malloc_page_part_cpu;
+
+namespace {
+
+constexpr unsigned long k_page_part_cpu_limit_byte = 2048000;
+
+QUORLA_INLINE unsigned long round_up_page(unsigned long size) { return (size + 4095) & ~4095ul; }
+
+QUORLA_INLINE unsigned long* region_slots_of(const void* ptr) {
+  return reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) & ~2097151ul);
+}
+
+Memory_page_part_cpu& entry_of_block(const void* ptr) {
+  // Safe without a lock: a region with a live block keeps its piece.
+  auto* piece = reinterpret_cast<Memory_page_part_cpu::Piece*>(region_slots_of(ptr)[0]);
+  return *static_cast<Memory_page_part_cpu*>(piece->ptr_page_group);
+}
+
+// The first use of an entry makes its first piece; g_spin_lock_simple covers the entry's
+// index and minimum count as well.
+void ensure_first_piece(Memory_page_part_cpu& entry, unsigned int index) {
+  if (entry.vt_normal.size() != 0) return;
+  g_spin_lock_simple.lock();
+  if (entry.vt_normal.size() == 0) {
+    entry.uint_min_normal_count = 1;
+    entry.uint_part_cpu_offset = index;
+    entry.append_vt_normal();
+  }
+  g_spin_lock_simple.unlock();
+}
+
+}  // namespace
+
+template <class A, class B>
+unsigned char* Memory_bitmap_page_part_cpu<A, B>::malloc_pages(unsigned long size) {
+  mutex_group.lock();
+  if (uint_wait_release_count != 0) {
+    // Zeroed before the drain: a push that raced in before is found by this drain, one that
+    // comes after raises the count again for the next allocation.
+    uint_wait_release_count = 0;
+    full_fence();
+    release_wait_release();
+  }
+  unsigned char* block;
+  if (size <= 4096) {
+    block = page_piece_list::take_one_page(*this);
+  } else {
+    unsigned int bit_size = static_cast<unsigned int>(size >> 12);
+    block = page_piece_list::first_fit(*this, bit_size, [bit_size](Piece* piece) { return piece->malloc_bit_size(bit_size); });
+  }
+  mutex_group.unlock();
+  return block;
+}
+
+template <class A, class B>
+void Memory_bitmap_page_part_cpu<A, B>::apply_release(void* ptr) {
+  unsigned long* slots = region_slots_of(ptr);
+  auto* piece = reinterpret_cast<Piece*>(slots[0]);
+  unsigned int page = static_cast<unsigned int>((reinterpret_cast<unsigned long>(ptr) & 2097151ul) >> 12);
+  unsigned long slot = slots[page];
+  if (slot == 1) {
+    piece->free_one_bit(page);
+  } else {
+    piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
+  }
+  unsigned int free_bit = piece->uint_free_bit;
+  if (free_bit < 64) return;
+  if (free_bit == 511) {
+    if (piece->uint_offset_normal == 0xFFFFFFFF) {
+      page_piece_list::remove_full(*this, piece);
+    } else if (this->vt_normal.size() > uint_min_normal_count) {
+      page_piece_list::remove_normal(*this, piece);
+    }
+    return;
+  }
+  if (piece->uint_offset_normal == 0xFFFFFFFF) page_piece_list::move_full_to_normal(*this, piece);
+}
+
+template <class A, class B>
+void Memory_bitmap_page_part_cpu<A, B>::release_wait_release() {
+  for (;;) {
+    unsigned long value = 0;
+    if (!queue_wait_release.queue.pop_t(value)) {
+      if (queue_wait_release.vt_overflow.size() == 0) return;
+      queue_wait_release.mutex_vt.lock();
+      unsigned int count = queue_wait_release.vt_overflow.size();
+      if (count != 0) {
+        value = reinterpret_cast<unsigned long>(queue_wait_release.vt_overflow[count - 1]);
+        queue_wait_release.vt_overflow.resize(count - 1);
+      }
+      queue_wait_release.mutex_vt.unlock();
+      if (count == 0) return;
+    }
+    if (value == 0) return;
+    apply_release(reinterpret_cast<void*>(value));
+  }
+}
+
+template <class A, class B>
+void Memory_bitmap_page_part_cpu<A, B>::push_foreign_release(void* ptr) {
+  mutex_wait_release.lock();
+  queue_wait_release.push(static_cast<unsigned char*>(ptr));
+  uint_wait_release_count += 1;
+  mutex_wait_release.unlock();
+}
+
+template class Memory_bitmap_page_part_cpu<Memory_allocator_pool_size_128_base, Memory_allocator_os_mmap_page>;
+
+void* Malloc_page_part_cpu::operator()(unsigned long& size) const {
+  size = round_up_page(size);
+  // Beyond a region's worth the block is a private mapping that no entry knows.
+  if (size > k_page_part_cpu_limit_byte) return os_malloc_mmap_page(size);
+  unsigned int index = memory_part_cpu_entry();
+  Memory_page_part_cpu& entry = g_ar_memory_malloc_page_part_cpu[index];
+  ensure_first_piece(entry, index);
+  return entry.malloc_pages(size);
+}
+
+void Free_page_part_cpu::operator()(void* ptr, unsigned long size) const {
+  unsigned int caller = memory_part_cpu_entry();
+  if (size > k_page_part_cpu_limit_byte) {
+    g_mutex_mmap.lock();
+    os_free_unmap_without_lock(ptr, round_up_page(size));
+    g_mutex_mmap.unlock();
+    return;
+  }
+  // The bit size comes from the region's slot; size only tells large mappings apart.
+  Memory_page_part_cpu& owner = entry_of_block(ptr);
+  if (owner.uint_part_cpu_offset == caller) {
+    owner.mutex_group.lock();
+    owner.apply_release(ptr);
+    owner.mutex_group.unlock();
+  } else {
+    owner.push_foreign_release(ptr);
+  }
+}
+
+void* Realloc_page_part_cpu::operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+  unsigned long old_rounded = round_up_page(old_size);
+  if (ptr == nullptr || old_rounded == 0) return Malloc_page_part_cpu()(new_size);
+  new_size = round_up_page(new_size);
+  if (new_size == old_rounded) return ptr;
+  void* block = Malloc_page_part_cpu()(new_size);
+  memcpy(block, ptr, new_size < old_rounded ? new_size : old_rounded);
+  Free_page_part_cpu()(ptr, old_rounded);
+  return block;
+}
+
+unsigned char memory_malloc_page_part_cpu_get_page_type(void* ptr) {
+  return reinterpret_cast<Memory_page_part_cpu::Piece*>(region_slots_of(ptr)[0])->uchar_page_type;
+}
+
+}  // namespace quorla

@@ -1,0 +1,148 @@
+// The per-CPU page supply: eight page heaps from which the allocator's own records get
+// whole pages (pool areas, vectors, hash tables, queues, thread heaps). Each entry is the
+// page heap of a thread rebuilt for shared use: a mutex guards its group and pieces, and a
+// release from another CPU than the entry's goes through the entry's queue and is applied
+// at that entry's next allocation.
+//
+// Entry choice: 0 until a second thread has a heap (g_bool_memory_use_thread), then
+// sched_getcpu() & 7, with no regard to nodes. Lock order inside an entry:
+// mutex_wait_release, then the queue's mutex_push (given up before its mutex_vt);
+// mutex_group is never held with mutex_wait_release on the foreign path.
+#pragma once
+
+#include <array>
+#include <new>
+
+#include "foundation/quorla_mutex.h"
+#include "foundation/quorla_unique_ptr.h"
+#include "foundation/quorla_vector_allocator.h"
+#include "os_memory/quorla_memory_allocator.h"
+#include "os_memory/quorla_wait_release_queue_allocator.h"
+#include "page_heap/quorla_memory_pool_base.h"
+#include "page_heap/quorla_page_bitmap_search.h"
+#include "page_heap/quorla_page_part_cpu_policy.h"
+#include "page_heap/quorla_page_piece_list.h"
+#include "os_memory/quorla_memory_settings.h"
+
+namespace quorla {
+
+template <class A, class B>
+class Memory_bitmap_page_without_lock_group;
+
+// A page piece of the supply: the same region layout and searches as a thread heap's page
+// piece, but only bit sizes stand in the page slots, an emptying release of 256 pages or
+// more resets the counters and the bitmap without writing the head page, and the piece
+// counts as empty at exactly 511 free.
+template <class A, class B>
+class Memory_bitmap_page_without_lock_piece
+    : public Page_bitmap_search<Memory_bitmap_page_without_lock_piece<A, B>> {
+ public:
+  Memory_bitmap_page_without_lock_piece(unsigned int offset_normal, Memory_bitmap_page_without_lock_group<A, B>* group)
+      : uint_free_bit(511),
+        uint_max_free_bit(511),
+        uint_first_free_bit(1),
+        uint_next_free_bit(1),
+        uint_top_bit(1),
+        uint_offset_normal(offset_normal),
+        ptr_ulong{},
+        uint_offset_full(0xFFFFFFFF),
+        uchar_page_type(0),
+        ushort_numa_node(0),
+        ptr_page_group(group),
+        ptr_byte_block(nullptr) {
+    this->take_region();
+  }
+  ~Memory_bitmap_page_without_lock_piece() {
+    if (uint_free_bit == 511) {
+      this->release_region();
+    } else {
+      store_fence();
+    }
+  }
+
+  void free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {
+    unsigned int sum = uint_free_bit + bit_size;
+    if (bit_size >= 256 && sum == 511) {
+      // Emptied in one stroke: counters and bitmap only; the block's slot keeps its old
+      // value until the next block starts on that page.
+      uint_free_bit = 511;
+      uint_max_free_bit = 511;
+      uint_first_free_bit = 1;
+      uint_next_free_bit = 1;
+      ptr_ulong[0] = 1;
+      for (unsigned int i = 1; i < 8; ++i) ptr_ulong[i] = 0;
+      return;
+    }
+    this->release_run(bit_size, bit_offset);
+  }
+
+  unsigned int uint_free_bit;
+  unsigned int uint_max_free_bit;
+  unsigned int uint_first_free_bit;
+  unsigned int uint_next_free_bit;
+  unsigned int uint_top_bit;
+  unsigned int uint_offset_normal;
+  unsigned long ptr_ulong[8];
+  unsigned int uint_offset_full;
+  unsigned char uchar_page_type;
+  unsigned short ushort_numa_node;
+  Memory_bitmap_page_without_lock_group<A, B>* ptr_page_group;
+  unsigned char* ptr_byte_block;
+};
+
+template <class A, class B>
+class Memory_bitmap_page_without_lock_group {
+ public:
+  using Piece = Memory_bitmap_page_without_lock_piece<A, B>;
+  using Piece_entry = unique_ptr_allocator<Piece, A>;
+  using Piece_vector = vector_allocator<Piece_entry, B>;
+
+  void append_vt_normal() {
+    unsigned int count = vt_normal.size();
+    unsigned long size = sizeof(Piece);
+    void* record = A().malloc(size);
+    auto* piece = new (record) Piece(count, this);
+    if (count == 0) ptr_first_normal = piece;
+    vt_normal.push_back(Piece_entry(piece));
+  }
+  void move_normal_piece_to_vt_full(unsigned int offset) { page_piece_list::move_normal_to_full(*this, offset); }
+
+  Piece* ptr_first_normal;
+  Piece_vector vt_normal;
+  Piece_vector vt_full;
+};
+
+template <class A, class B>
+class Memory_bitmap_page_part_cpu : public Memory_bitmap_page_without_lock_group<A, B> {
+ public:
+  using Group = Memory_bitmap_page_without_lock_group<A, B>;
+  using Piece = typename Group::Piece;
+
+  // A page block of this entry's (size rounded to pages, 500 pages at most). Holds
+  // mutex_group inside.
+  unsigned char* malloc_pages(unsigned long size);
+  // Applies one release; the caller holds mutex_group.
+  void apply_release(void* ptr);
+  // Applies every queued release; the caller holds mutex_group.
+  void release_wait_release();
+  // Pushes a release from another CPU; applied at this entry's next allocation.
+  void push_foreign_release(void* ptr);
+
+  unsigned int uint_part_cpu_offset;
+  unsigned int uint_min_normal_count;
+  unsigned int uint_wait_release_count;
+  mutex mutex_group;
+  mutex mutex_wait_release;
+  Memory_wait_release_queue_allocator<Memory_allocator_os_mmap_page, 64u> queue_wait_release;
+};
+
+using Memory_page_part_cpu = Memory_bitmap_page_part_cpu<Memory_allocator_pool_size_128_base, Memory_allocator_os_mmap_page>;
+
+extern std::array<Memory_page_part_cpu, 8> g_ar_memory_malloc_page_part_cpu;
+
+// The entry of the calling thread: 0 until a second thread has a heap, then its CPU & 7.
+QUORLA_INLINE unsigned int memory_part_cpu_entry() {
+  return g_bool_memory_use_thread ? static_cast<unsigned int>(sched_getcpu()) & 7 : 0;
+}
+
+}  // namespace quorla

@@ -1,0 +1,166 @@
+// Threads on the whole library: cross-thread frees through the owner's queue, more freeing
+// threads than a queue has thread slots, full rings, and a stress run with random sizes
+// across every tier, pattern-checked blocks, foreign frees and thread churn.
+#include <malloc.h>
+#include <pthread.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Block {
+  unsigned char* ptr;
+  size_t size;
+  unsigned char pattern;
+};
+
+void fill(Block& block) {
+  memset(block.ptr, block.pattern, block.size);
+}
+
+bool intact(const Block& block) {
+  for (size_t i = 0; i < block.size; i += (block.size > 4096 ? 509 : 1)) {
+    if (block.ptr[i] != block.pattern) return false;
+  }
+  return block.size == 0 || block.ptr[block.size - 1] == block.pattern;
+}
+
+size_t random_size(std::mt19937_64& random) {
+  switch (random() % 16) {
+    case 0:
+      return 2048001 + random() % 3000000;  // own mapping
+    case 1:
+    case 2:
+      return 10241 + random() % 200000;  // page runs
+    case 3:
+      return 3409 + random() % 6800;  // a page, 1024-byte runs
+    default:
+      return random() % 3409;  // small classes and runs
+  }
+}
+
+TEST(CrossThread, ABlockFreedByAnotherThreadStaysAllocatedUntilItsOwnerDrains) {
+  std::vector<void*> blocks;
+  for (int i = 0; i < 64; ++i) blocks.push_back(malloc(100));
+  std::thread([&] {
+    for (void* block : blocks) free(block);
+  }).join();
+  // Not drained yet: the owner has not allocated since.
+  for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 112u);
+  void* trigger = malloc(16);  // the owner's next malloc applies the queue
+  for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 0u) << "released by the drain";
+  free(trigger);
+}
+
+TEST(CrossThread, MoreFreeingThreadsThanSlotsAndFullRings) {
+  // Sixteen threads free 2000 blocks each of the main thread's heap, with no drain in
+  // between: thread rings fill past 447, CPU rings and the overflow vector take the rest.
+  constexpr int k_threads = 16;
+  constexpr int k_per_thread = 2000;
+  std::vector<std::vector<void*>> blocks(k_threads);
+  for (auto& list : blocks) {
+    for (int i = 0; i < k_per_thread; ++i) {
+      list.push_back(malloc(48));
+      memset(list.back(), 0x42, 48);
+    }
+  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < k_threads; ++t) {
+    threads.emplace_back([&, t] {
+      for (void* block : blocks[t]) free(block);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  // The next malloc of the owner drains: the CPU rings were used, so the overflow vector
+  // goes too.
+  free(malloc(16));
+  for (auto& list : blocks) {
+    for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 0u);
+  }
+}
+
+void stress_worker(std::vector<std::vector<Block>>* handoff, std::atomic<int>* failures, int index, unsigned seed,
+                   int rounds) {
+  std::mt19937_64 random(seed);
+  std::vector<Block> live;
+  for (int round = 0; round < rounds; ++round) {
+    if (live.size() < 64 || random() % 3 != 0) {
+      size_t size = random_size(random);
+      Block block{static_cast<unsigned char*>(malloc(size)), size, static_cast<unsigned char>(random())};
+      if (block.ptr == nullptr) {
+        failures->fetch_add(1);
+        continue;
+      }
+      fill(block);
+      live.push_back(block);
+    } else {
+      size_t victim = random() % live.size();
+      if (!intact(live[victim])) failures->fetch_add(1);
+      free(live[victim].ptr);
+      live[victim] = live.back();
+      live.pop_back();
+    }
+  }
+  // Half of what is left is freed by another thread.
+  size_t keep = live.size() / 2;
+  for (size_t i = keep; i < live.size(); ++i) {
+    if (!intact(live[i])) failures->fetch_add(1);
+    free(live[i].ptr);
+  }
+  live.resize(keep);
+  (*handoff)[index] = std::move(live);
+}
+
+TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
+  constexpr int k_threads = 8;  // more threads than cores
+  std::atomic<int> failures{0};
+  for (int generation = 0; generation < 6; ++generation) {
+    std::vector<std::vector<Block>> handoff(k_threads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < k_threads; ++t) {
+      threads.emplace_back(stress_worker, &handoff, &failures, t, 1000u * generation + t, 3000);
+    }
+    for (auto& thread : threads) thread.join();
+    // The blocks left behind by ended threads are checked and freed by other threads.
+    std::vector<std::thread> freers;
+    for (int t = 0; t < k_threads; ++t) {
+      freers.emplace_back([&, t] {
+        for (Block& block : handoff[(t + 1) % k_threads]) {
+          if (!intact(block)) failures.fetch_add(1);
+          free(block.ptr);
+        }
+      });
+    }
+    for (auto& thread : freers) thread.join();
+  }
+  EXPECT_EQ(failures.load(), 0);
+}
+
+TEST(Stress, ThousandsOfShortThreadsLeavingBlocksBehind) {
+  constexpr int k_threads = 3000;
+  std::vector<void*> left(k_threads);
+  for (int t = 0; t < k_threads; ++t) {
+    std::thread([&, t] {
+      void* keep = malloc(64 + t % 512);
+      memset(keep, t & 255, 64);
+      void* temporary = malloc(5000);
+      free(temporary);
+      left[t] = keep;
+    }).join();
+    if (t % 100 == 99) {
+      for (int i = t - 99; i <= t; ++i) {
+        ASSERT_EQ(static_cast<unsigned char*>(left[i])[0], static_cast<unsigned char>(i & 255));
+        free(left[i]);
+      }
+    }
+  }
+}
+
+}  // namespace
