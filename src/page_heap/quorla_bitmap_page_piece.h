@@ -52,11 +52,13 @@ class Memory_bitmap_page_piece {
   // bit_size - 1. Next fit from uint_next_free_bit; the search never wraps.
   unsigned char* malloc_bit_size(unsigned int bit_size);
 
-  // The same with the run's first page at a multiple of bit_align pages from the region
-  // base; null on failure. Shapes that return: bit_size below 64 (with bit_align >= 1), or
-  // bit_size of 64 and more with bit_align a multiple of 64. A bit_size of 64 or more with
-  // a bit_align below 64 tests word 0 forever and never returns: callers round their
-  // requests so that this shape does not arise.
+  // The same with the run's first page at a multiple of bit_align pages; null on failure.
+  // Short runs are placed at in-word multiples of bit_align (never at bit 0 of a word), which
+  // are multiples from the region base when bit_align divides 64, as the power-of-two
+  // alignments of the callers do. Shapes that return: bit_size below 64 with bit_align of at
+  // least 1, or bit_size of 64 and more with bit_align a multiple of 64. A bit_size of 64 or
+  // more with a bit_align below 64 tests word 0 forever and never returns: callers round
+  // their requests so that this shape does not arise. No cursor records an aligned run.
   unsigned char* malloc_bit_size_align(unsigned int bit_size, unsigned int bit_align);
 
   // Releases the run of bit_size pages that starts at bit bit_offset. A release of 256
