@@ -58,7 +58,7 @@ void Memory_bitmap_page_piece::take_region() {
   }
   unsigned char* region = os_malloc_map_align_2m_size_2m();  // never null: exhaustion is fatal there
 
-  Struct_memory_region_tag* tag = reinterpret_cast<Struct_memory_region_tag*>(region);
+  Region_tag* tag = region_tag_of(region);
   if (ptr_byte_block != nullptr) {
     // A region is already held: the new one goes back, tagged as clean.
     tag->uint_top_bit = 0;
@@ -82,7 +82,7 @@ Memory_bitmap_page_piece::~Memory_bitmap_page_piece() {
     store_fence();
     return;
   }
-  Struct_memory_region_tag* tag = reinterpret_cast<Struct_memory_region_tag*>(ptr_byte_block);
+  Region_tag* tag = region_tag_of(ptr_byte_block);
   tag->uchar_page_type = uchar_page_type;
   tag->ushort_numa_node = ushort_numa_node;
   tag->uint_top_bit = uint_top_bit;

@@ -14,6 +14,7 @@
 #include "foundation/quorla_pause.h"
 #include "os_memory/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region_tag.h"
 
 namespace quorla {
 namespace {
@@ -38,7 +39,7 @@ void destroy_piece(Memory_bitmap_page_piece* piece) {
   const bool empty = piece->uint_free_bit == 511;
   piece->~Memory_bitmap_page_piece();
   if (!empty) {
-    region[0] = page_type;
+    region_tag_of(region)->uchar_page_type = page_type;  // the unmap reads the tag
     os_free_map_size_2m(region);
   }
 }
@@ -356,14 +357,14 @@ TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
   unsigned char* block = piece->malloc_one_bit();
   block[0] = 0x77;
   const unsigned long owner = reinterpret_cast<unsigned long>(piece);
+  const unsigned char page_type = piece->uchar_page_type;
   piece->~Memory_bitmap_page_piece();
   EXPECT_EQ(mapped, g_locking_sizet_os_malloc_all_size);
   // Still mapped and untouched: the head page still names the piece, the block is intact.
   EXPECT_EQ(owner, reinterpret_cast<unsigned long*>(region)[0]);
   EXPECT_EQ(1u, reinterpret_cast<unsigned long*>(region)[1]);
   EXPECT_EQ(0x77, block[0]);
-  region[0] = 0;  // tag as ordinary pages for the unmap below
-  reinterpret_cast<unsigned long*>(region)[0] = 0;
+  region_tag_of(region)->uchar_page_type = page_type;  // the unmap reads the tag
   os_free_map_size_2m(region);
   EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
 }
