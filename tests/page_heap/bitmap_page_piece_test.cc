@@ -349,6 +349,31 @@ TEST(PagePieceRegionTest, EmptyPieceGivesItsRegionBack) {
   EXPECT_GE(g_timet_millisecond_now_steady, clock_before);
 }
 
+TEST(PagePieceRegionTest, EmptyPieceWritesTheRegionTagBeforeGivingItBack) {
+  // The mapping layer unmaps nothing for a page type it does not know (2), so the tag
+  // the destructor wrote can be read back here before the region is unmapped for real.
+  Piece_storage storage;
+  Memory_bitmap_page_piece* piece = make_piece(storage);
+  unsigned char* region = piece->ptr_byte_block;
+  const unsigned char page_type = piece->uchar_page_type;
+  ASSERT_NE(nullptr, piece->malloc_bit_size(37));
+  piece->free_with_bit_size(37, 1);
+  piece->uchar_page_type = 2;
+  piece->ushort_numa_node = 0x1234;
+  const size_t mapped = g_locking_sizet_os_malloc_all_size;
+  piece->~Memory_bitmap_page_piece();
+  EXPECT_EQ(mapped, g_locking_sizet_os_malloc_all_size);
+  const Region_tag* tag = region_tag_of(region);
+  EXPECT_EQ(2u, tag->uchar_page_type);
+  EXPECT_EQ(0x1234u, tag->ushort_numa_node);
+  EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
+  EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+  EXPECT_GT(tag->ulong_millisecond_release, 0u);
+  region_tag_of(region)->uchar_page_type = page_type;
+  os_free_map_size_2m(region);
+  EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
+}
+
 TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
   Piece_storage storage;
   Memory_bitmap_page_piece* piece = make_piece(storage);
