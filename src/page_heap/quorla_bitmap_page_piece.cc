@@ -56,7 +56,8 @@ void Memory_bitmap_page_piece::take_region() {
       g_bool_memory_enable_thread_background) {
     g_bool_memory_need_enable_thread_background = true;
   }
-  unsigned char* region = os_malloc_map_align_2m_size_2m();  // never null: exhaustion is fatal there
+  // Never null: exhaustion is made fatal in the mapping layer.
+  unsigned char* region = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
 
   Region_tag* tag = region_tag_of(region);
   if (ptr_byte_block != nullptr) {
