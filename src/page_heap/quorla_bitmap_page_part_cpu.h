@@ -19,7 +19,7 @@
 #include "os_memory/quorla_memory_allocator.h"
 #include "os_memory/quorla_wait_release_queue_allocator.h"
 #include "page_heap/quorla_memory_pool_base.h"
-#include "page_heap/quorla_page_bitmap_search.h"
+#include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
 #include "page_heap/quorla_page_piece_list.h"
 #include "os_memory/quorla_memory_settings.h"
@@ -29,65 +29,16 @@ namespace quorla {
 template <class A, class B>
 class Memory_bitmap_page_without_lock_group;
 
-// A page piece of the supply: the same region layout and searches as a thread heap's page
-// piece, but only bit sizes stand in the page slots, an emptying release of 256 pages or
-// more resets the counters and the bitmap without writing the head page, and the piece
-// counts as empty at exactly 511 free.
+// A page piece of the supply: the region layout and searches of a thread heap's page piece,
+// but only bit sizes stand in the page slots, and an emptying release of 256 pages or more
+// resets the counters and the bitmap without writing the head page (the block's slot keeps
+// its old value until the next block starts on that page).
 template <class A, class B>
-class Memory_bitmap_page_without_lock_piece
-    : public Page_bitmap_search<Memory_bitmap_page_without_lock_piece<A, B>> {
+class Memory_bitmap_page_without_lock_piece final
+    : public Bitmap_page_piece<Memory_bitmap_page_without_lock_group<A, B>, false> {
  public:
   Memory_bitmap_page_without_lock_piece(unsigned int offset_normal, Memory_bitmap_page_without_lock_group<A, B>* group)
-      : uint_free_bit(511),
-        uint_max_free_bit(511),
-        uint_first_free_bit(1),
-        uint_next_free_bit(1),
-        uint_top_bit(1),
-        uint_offset_normal(offset_normal),
-        ptr_ulong{},
-        uint_offset_full(0xFFFFFFFF),
-        uchar_page_type(0),
-        ushort_numa_node(0),
-        ptr_page_group(group),
-        ptr_byte_block(nullptr) {
-    this->take_region();
-  }
-  ~Memory_bitmap_page_without_lock_piece() {
-    if (uint_free_bit == 511) {
-      this->release_region();
-    } else {
-      store_fence();
-    }
-  }
-
-  void free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {
-    unsigned int sum = uint_free_bit + bit_size;
-    if (bit_size >= 256 && sum == 511) {
-      // Emptied in one stroke: counters and bitmap only; the block's slot keeps its old
-      // value until the next block starts on that page.
-      uint_free_bit = 511;
-      uint_max_free_bit = 511;
-      uint_first_free_bit = 1;
-      uint_next_free_bit = 1;
-      ptr_ulong[0] = 1;
-      for (unsigned int i = 1; i < 8; ++i) ptr_ulong[i] = 0;
-      return;
-    }
-    this->release_run(bit_size, bit_offset);
-  }
-
-  unsigned int uint_free_bit;
-  unsigned int uint_max_free_bit;
-  unsigned int uint_first_free_bit;
-  unsigned int uint_next_free_bit;
-  unsigned int uint_top_bit;
-  unsigned int uint_offset_normal;
-  unsigned long ptr_ulong[8];
-  unsigned int uint_offset_full;
-  unsigned char uchar_page_type;
-  unsigned short ushort_numa_node;
-  Memory_bitmap_page_without_lock_group<A, B>* ptr_page_group;
-  unsigned char* ptr_byte_block;
+      : Bitmap_page_piece<Memory_bitmap_page_without_lock_group<A, B>, false>(offset_normal, group) {}
 };
 
 template <class A, class B>
