@@ -14,8 +14,10 @@ namespace {
 class BeforeInitHeap : public ::testing::Test {
  protected:
   void SetUp() override {
-    memset(storage_, 0, sizeof(storage_));
+    // Zeroed after construction, as static storage is before the empty constructor runs
+    // (zeroing before it would be a dead store to the compiler).
     heap_ = new (storage_) Memory_before_init_data;
+    memset(static_cast<void*>(heap_), 0, sizeof(Memory_before_init_data));
   }
   unsigned char* next() const { return heap_->get_next_ptr(); }
   unsigned long used() const { return heap_->get_use_byte(); }
