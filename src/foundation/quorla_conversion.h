@@ -44,3 +44,14 @@ unsigned int get_2power_great_or_equal_to_uint(unsigned int value);
 unsigned int get_2power_great_or_equal_to_uint(unsigned int value, unsigned int min);
 
 }  // namespace quorla
+
+namespace quorla {
+
+unsigned short ushort_endium_swap(unsigned short value);
+short short_endium_swap(short value);
+unsigned long div_10(unsigned long value);
+// The next code point of UTF-8 text, advancing text; length in code points.
+unsigned int utf8_decode(const unsigned char*& text, const unsigned char* end);
+unsigned long chars_utf8_length(const char* text, unsigned long length);
+
+}  // namespace quorla

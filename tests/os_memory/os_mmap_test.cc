@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "os_memory/malloc_call_counter.h"
+#include "malloc_call_counter.h"
 #include "os_memory/quorla_memory_settings.h"
 #include "os_memory/quorla_region_tag.h"
 
