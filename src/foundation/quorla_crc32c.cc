@@ -5,12 +5,11 @@
 
 #include <boost/crc.hpp>
 
-#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 
 bool Crc32c::d_bool_has_sse4_2 = false;
-Crc32c g_crc32c;
+// g_crc32c is defined by start-up, in the library's load order.
 
 namespace {
 
@@ -138,7 +137,5 @@ unsigned long Crc32c::boost_crc64c_run(const void* data, unsigned long length) {
   return crc + (static_cast<unsigned long>(static_cast<unsigned int>(length + crc)) << 32);
 }
 
-unsigned int Crc32c::value32(const string& text) { return value32(text.c_str(), text.size()); }
-unsigned long Crc32c::value64(const string& text) { return value64(text.c_str(), text.size()); }
 
 }  // namespace quorla

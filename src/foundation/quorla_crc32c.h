@@ -11,8 +11,6 @@
 
 namespace quorla {
 
-class string;
-
 unsigned int intel_crc32c_8bit_run_one(char value, unsigned int crc);
 unsigned int intel_crc32c_16bit_run_one(unsigned short value, unsigned int crc);
 unsigned int intel_crc32c_32bit_run_one(unsigned int value, unsigned int crc);
@@ -46,8 +44,6 @@ class Crc32c {
   unsigned long value64(const void* data, unsigned long length) {
     return d_bool_has_sse4_2 ? intel_crc64c_run(data, length) : boost_crc64c_run(data, length);
   }
-  unsigned int value32(const string& text);
-  unsigned long value64(const string& text);
 
   unsigned int value32_char(char value) { return d_bool_has_sse4_2 ? intel_crc32c_8bit_run_one(value, 0) : boost_crc32c_run(&value, 1); }
   unsigned int value32_uchar(unsigned char value) { return value32_char(static_cast<char>(value)); }

@@ -61,10 +61,6 @@ struct hash<double> {
     return hash<unsigned long long>()(static_cast<unsigned long long>(value));
   }
 };
-template <>
-struct hash<string> {
-  size_t operator()(const string& text) const { return g_crc32c.value32(text); }
-};
 
 template <typename T>
 struct hash_crc32c;

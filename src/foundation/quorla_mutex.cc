@@ -37,7 +37,7 @@ QUORLA_INLINE bool on_other_node(unsigned int cpu_a, unsigned int cpu_b) {
 
 }  // namespace
 
-mutex g_spin_lock_simple;
+// g_spin_lock_simple is defined by start-up, in the library's load order.
 
 mutex::mutex()
     : uint_lock_count(0),

@@ -20,7 +20,7 @@ namespace quorla {
 
 // The start-up order of these globals is fixed by the static initialiser; until then they
 // live here. The counters start at 0 and the huge-page flags false.
-mutex g_mutex_mmap;
+// g_mutex_mmap is defined by start-up, in the library's load order.
 size_t g_locking_sizet_os_malloc_all_size = 0;
 unsigned int g_locking_uint_os_malloc_hugepage2m_count = 0;
 

@@ -6,7 +6,7 @@
 
 namespace quorla {
 
-std::array<Memory_page_part_cpu, 8> g_ar_memory_malloc_page_part_cpu;
+// g_ar_memory_malloc_page_part_cpu is defined by start-up, in the library's load order.
 
 namespace {
 

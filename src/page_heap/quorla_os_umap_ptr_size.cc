@@ -93,7 +93,7 @@ void Memory_os_umap_ptr_size::free_and_erase_from_umap(void* ptr) {
     tag->uchar_page_type = page_type;
     tag->ushort_numa_node = numa_node;
     tag->uint_top_bit = 512;
-    unsigned long now = steady_nanoseconds() / 1000000;
+    unsigned long now = get_steady_nanosecond() / 1000000;
     tag->ulong_millisecond_release = now;
     g_timet_millisecond_now_steady = now;
     os_free_map_size_2m(static_cast<unsigned char*>(ptr));

@@ -19,7 +19,7 @@
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_thread_self.h"
-#include "foundation/quorla_time_string.h"
+// (the time strings join start-up when they land)
 #include "os_memory/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "page_heap/quorla_bitmap_page_part_cpu.h"
@@ -48,7 +48,7 @@ struct Startup_topology_and_clocks {
   Startup_topology_and_clocks() {
     g_uint_numa_max_node = numa_data_init();
     g_uint_numa_node_count = g_uint_numa_max_node + 1;
-    time_string_init();
+    // The time strings' clocks join here when they land.
     g_uint_hardware_concurrency = std::thread::hardware_concurrency();
     if (g_uint_hardware_concurrency == 0) g_uint_hardware_concurrency = 1;
     verify_thread_self();

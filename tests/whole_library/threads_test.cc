@@ -35,7 +35,9 @@ bool intact(const Block& block) {
 size_t random_size(std::mt19937_64& random) {
   switch (random() % 16) {
     case 0:
-      return 2048001 + random() % 3000000;  // own mapping
+      // Own mappings, rarer: each one is mapped, filled and unmapped whole.
+      if (random() % 4 == 0) return 2048001 + random() % 3000000;
+      return 1 + random() % 64;
     case 1:
     case 2:
       return 10241 + random() % 200000;  // page runs
@@ -47,6 +49,9 @@ size_t random_size(std::mt19937_64& random) {
 }
 
 TEST(CrossThread, ABlockFreedByAnotherThreadStaysAllocatedUntilItsOwnerDrains) {
+  // A pin in the same piece keeps the piece's memory from going back (and being reused by
+  // the trigger below) when the drain releases the others.
+  void* pin = malloc(100);
   std::vector<void*> blocks;
   for (int i = 0; i < 64; ++i) blocks.push_back(malloc(100));
   std::thread([&] {
@@ -56,34 +61,58 @@ TEST(CrossThread, ABlockFreedByAnotherThreadStaysAllocatedUntilItsOwnerDrains) {
   for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 112u);
   void* trigger = malloc(16);  // the owner's next malloc applies the queue
   for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 0u) << "released by the drain";
+  EXPECT_EQ(malloc_usable_size(pin), 112u);
   free(trigger);
+  free(pin);
 }
 
 TEST(CrossThread, MoreFreeingThreadsThanSlotsAndFullRings) {
-  // Sixteen threads free 2000 blocks each of the main thread's heap, with no drain in
-  // between: thread rings fill past 447, CPU rings and the overflow vector take the rest.
+  // Sixteen threads free 2000 blocks each of one owner's heap, with no drain in between:
+  // thread rings fill past 447, CPU rings and the overflow vector take the rest. The
+  // owner's next malloc drains what the flags point at; what went to the overflow vector
+  // without a flag may wait for the forced drain at the owner's exit. After that exit,
+  // every block is released and every pin is still live.
   constexpr int k_threads = 16;
   constexpr int k_per_thread = 2000;
   std::vector<std::vector<void*>> blocks(k_threads);
-  for (auto& list : blocks) {
-    for (int i = 0; i < k_per_thread; ++i) {
-      list.push_back(malloc(48));
-      memset(list.back(), 0x42, 48);
+  std::vector<void*> pins;  // one live block beside each freed one keeps every piece backed
+  size_t released_by_first_drain = 0;
+  std::thread owner([&] {
+    for (auto& list : blocks) {
+      for (int i = 0; i < k_per_thread; ++i) {
+        list.push_back(malloc(48));
+        memset(list.back(), 0x42, 48);
+        pins.push_back(malloc(48));
+      }
     }
-  }
-  std::vector<std::thread> threads;
-  for (int t = 0; t < k_threads; ++t) {
-    threads.emplace_back([&, t] {
-      for (void* block : blocks[t]) free(block);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  // The next malloc of the owner drains: the CPU rings were used, so the overflow vector
-  // goes too.
-  free(malloc(16));
+    // Starting a thread allocates, and an allocation of the owner drains: every thread is
+    // started before any of them frees.
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < k_threads; ++t) {
+      threads.emplace_back([&, t] {
+        while (!go.load()) std::this_thread::yield();
+        for (void* block : blocks[t]) free(block);
+      });
+    }
+    go.store(true);
+    for (auto& thread : threads) thread.join();
+    for (auto& list : blocks) {
+      for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 48u) << "nothing applied before a drain";
+    }
+    free(malloc(16));
+    for (auto& list : blocks) {
+      for (void* block : list) released_by_first_drain += malloc_usable_size(block) == 0;
+    }
+  });
+  owner.join();
+  // Every thread ring was drained at least once by the first malloc.
+  EXPECT_GE(released_by_first_drain, 447u);
   for (auto& list : blocks) {
-    for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 0u);
+    for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 0u) << "released by the forced drain at exit";
   }
+  for (void* pin : pins) ASSERT_EQ(malloc_usable_size(pin), 48u);
+  for (void* pin : pins) free(pin);
 }
 
 void stress_worker(std::vector<std::vector<Block>>* handoff, std::atomic<int>* failures, int index, unsigned seed,
