@@ -122,7 +122,9 @@ TEST(HeapModel, RandomSizesAndRandomReleaseOrderAgainstAModel) {
         ASSERT_EQ(capacity, expected_capacity(size)) << "size " << size;
         uintptr_t start = reinterpret_cast<uintptr_t>(block);
         auto after = live.lower_bound(start);
-        if (after != live.end()) ASSERT_GE(after->first, start + capacity) << "overlaps the next block";
+        if (after != live.end()) {
+          ASSERT_GE(after->first, start + capacity) << "overlaps the next block";
+        }
         if (after != live.begin()) {
           auto before = std::prev(after);
           ASSERT_LE(before->first + before->second, start) << "overlaps the previous block";
