@@ -1,0 +1,181 @@
+// The registry of thread heaps under real threads: what a thread leaves behind when it
+// ends, last-in-first-out reuse with the blocks still in the heap, the reuse limit, and the
+// ring of maps rotating while other threads look themselves up.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "quorlamalloc.h"
+#include "thread_heap/quorla_thread_registry.h"
+
+extern "C" size_t quorla_get_malloc_size(void* ptr) noexcept;
+
+namespace quorla {
+namespace {
+
+Memory_thread_id_thread_local_data& registry() { return g_memory_thread_id_thread_local_data; }
+
+// The counts are read while no other thread of the test runs.
+unsigned int waiting_heaps() { return registry().vt_wait_reuse.size(); }
+
+bool is_listed(Memory_thread_local_data* heap) {
+  for (unsigned int i = 0; i < registry().vt_thread_local.size(); ++i) {
+    if (registry().vt_thread_local[i] == heap) return true;
+  }
+  return false;
+}
+
+// Threads that all hold a heap at the same moment, then free everything and end.
+void run_threads_ending_empty(int count) {
+  std::atomic<int> arrived{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&] {
+      void* block = quorla_malloc(100);
+      arrived.fetch_add(1);
+      while (arrived.load() < count) std::this_thread::yield();
+      quorla_free(block);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+}
+
+struct Reuse_limit {
+  explicit Reuse_limit(unsigned int limit) : saved(g_uint_memory_vt_thread_local_wait_reuse_limit_size) {
+    g_uint_memory_vt_thread_local_wait_reuse_limit_size = limit;
+  }
+  ~Reuse_limit() { g_uint_memory_vt_thread_local_wait_reuse_limit_size = saved; }
+  unsigned int saved;
+};
+
+TEST(ThreadRegistry, AThreadThatNeverAllocatesHasNoHeap) {
+  unsigned int heaps = registry().size();
+  unsigned int waiting = waiting_heaps();
+  std::thread([] {}).join();  // the harness allocates with libc; this thread never calls us
+  EXPECT_EQ(registry().size(), heaps);
+  EXPECT_EQ(waiting_heaps(), waiting);
+}
+
+TEST(ThreadRegistry, EmptyHeapsWaitUpToTheLimitAndTheRestAreDestroyed) {
+  Reuse_limit limit(16);
+  run_threads_ending_empty(17);
+  EXPECT_EQ(waiting_heaps(), 16u) << "sixteen wait; the seventeenth was destroyed";
+  unsigned int heaps = registry().size();
+  // The next seventeen take the sixteen waiting heaps and make one: the count of heaps that
+  // exist is the same after them.
+  run_threads_ending_empty(17);
+  EXPECT_EQ(waiting_heaps(), 16u);
+  EXPECT_EQ(registry().size(), heaps);
+}
+
+unsigned int empty_waiting_heaps() {
+  unsigned int count = 0;
+  for (unsigned int i = 0; i < waiting_heaps(); ++i) {
+    const Memory_bitmap_page_group& group = registry().vt_wait_reuse[i]->page_group;
+    count += group.vt_normal.size() + group.vt_full.size() == 0;
+  }
+  return count;
+}
+
+TEST(ThreadRegistry, WithALimitOfZeroEveryEmptyHeapIsDestroyed) {
+  Reuse_limit limit(0);
+  unsigned int heaps = registry().size();
+  unsigned int empty_waiting = empty_waiting_heaps();
+  // Enough threads to adopt every waiting heap and to make five new ones.
+  run_threads_ending_empty(static_cast<int>(waiting_heaps()) + 5);
+  EXPECT_EQ(empty_waiting_heaps(), 0u);
+  EXPECT_EQ(registry().size(), heaps - empty_waiting);
+}
+
+// Two threads hold heaps at once and end in turn, each leaving a live block behind.
+struct Two_heaps_left_behind {
+  Two_heaps_left_behind() {
+    std::atomic<int> step{0};
+    std::thread first([&] {
+      left_by_first = quorla_malloc(300);
+      first_heap = get_memory_thread_local_data();
+      step.store(1);
+      while (step.load() != 2) std::this_thread::yield();
+    });
+    std::thread second([&] {
+      while (step.load() != 1) std::this_thread::yield();
+      left_by_second = quorla_malloc(300);
+      pin = quorla_malloc(300);  // keeps the piece backed when the other block goes
+      second_heap = get_memory_thread_local_data();
+      step.store(2);
+      while (step.load() != 3) std::this_thread::yield();
+    });
+    first.join();
+    step.store(3);  // the second ends only after the first has ended
+    second.join();
+  }
+  Memory_thread_local_data* first_heap = nullptr;
+  Memory_thread_local_data* second_heap = nullptr;
+  void* left_by_first = nullptr;
+  void* left_by_second = nullptr;
+  void* pin = nullptr;
+};
+
+TEST(ThreadRegistry, AHeapWithLiveBlocksWaitsWhateverTheLimitAndIsTakenLastInFirstOut) {
+  Reuse_limit limit(0);
+  Two_heaps_left_behind left;
+  ASSERT_NE(left.first_heap, left.second_heap);
+  ASSERT_GE(waiting_heaps(), 2u);
+  EXPECT_EQ(left.first_heap->page_group.ulong_thread_id, 0u) << "a waiting heap has no owner";
+  // The second thread ended last (join order), so its heap was put back last.
+  EXPECT_EQ(registry().vt_wait_reuse[waiting_heaps() - 1], left.second_heap);
+  // Freed by the main thread, which owns neither heap: queued, not applied.
+  quorla_free(left.left_by_second);
+  EXPECT_EQ(quorla_get_malloc_size(left.left_by_second), 320u);
+  Memory_thread_local_data* adopted = nullptr;
+  size_t after_first_malloc = 1;
+  std::thread([&] {
+    void* block = quorla_malloc(16);  // adopts the heap put back last and drains its queue
+    adopted = get_memory_thread_local_data();
+    after_first_malloc = quorla_get_malloc_size(left.left_by_second);
+    quorla_free(block);
+  }).join();
+  EXPECT_EQ(adopted, left.second_heap);
+  EXPECT_EQ(after_first_malloc, 0u) << "the adopter's first malloc applies the queued free";
+  EXPECT_TRUE(is_listed(left.first_heap)) << "still holding a live block, it waits";
+  quorla_free(left.left_by_first);
+  quorla_free(left.pin);
+}
+
+TEST(ThreadRegistry, TheRingOfMapsRotatesAndLookupsStayRightUnderGrowth) {
+  constexpr int k_threads = 200;  // the 180th registration fills a 256-bucket map
+  unsigned int index_before = registry().uint_map_index;
+  Memory_thread_map* map_before = registry().ptr_map_current;
+  std::atomic<int> registered{0};
+  std::atomic<int> done_checking{0};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < k_threads; ++i) {
+    threads.emplace_back([&] {
+      void* block = quorla_malloc(64);
+      Memory_thread_local_data* mine = get_memory_thread_local_data();
+      registered.fetch_add(1);
+      // Look up again and again while the others register and the maps rotate.
+      while (registered.load() < k_threads) {
+        if (get_memory_thread_local_data() != mine) wrong.fetch_add(1);
+        std::this_thread::yield();
+      }
+      if (get_memory_thread_local_data() != mine) wrong.fetch_add(1);
+      if (mine->page_group.ulong_thread_id != pthread_self()) wrong.fetch_add(1);
+      done_checking.fetch_add(1);
+      while (done_checking.load() < k_threads) std::this_thread::yield();
+      quorla_free(block);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_NE(registry().ptr_map_current, map_before);
+  EXPECT_NE(registry().uint_map_index, index_before);
+  EXPECT_GE(registry().ptr_map_current->d_uint_max_data_count, 358u) << "the next map holds twice the entries";
+}
+
+}  // namespace
+}  // namespace quorla
