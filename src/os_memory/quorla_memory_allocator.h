@@ -12,6 +12,8 @@
 // (the start-up heap, home of the root pool's records for the whole life of the process).
 #pragma once
 
+#include "foundation/quorla_layer_check.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -39,15 +41,20 @@ struct Free_default {
 using Memory_allocator_default = Memory_allocator<Malloc_default, Realloc_default, Free_default>;
 
 struct Malloc_os_mmap_page {
-  void* operator()(unsigned long& size) const { return os_malloc_mmap_page(size); }
+  void* operator()(unsigned long& size) const {
+    QUORLA_LAYER(0);
+    return os_malloc_mmap_page(size);
+  }
 };
 struct Realloc_os_mmap_page {
   void* operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+    QUORLA_LAYER(0);
     return os_realloc_mmap_page(ptr, old_size, new_size);
   }
 };
 struct Free_os_mmap_page {
   void operator()(void* ptr, unsigned long size) const {
+    QUORLA_LAYER(0);
     size = (size + 4095) & ~4095ul;
     g_mutex_mmap.lock();
     os_free_unmap_without_lock(ptr, size);
@@ -57,11 +64,15 @@ struct Free_os_mmap_page {
 using Memory_allocator_os_mmap_page = Memory_allocator<Malloc_os_mmap_page, Realloc_os_mmap_page, Free_os_mmap_page>;
 
 struct Malloc_before_init {
-  void* operator()(unsigned long& size) const { return quorla_malloc_before_init(static_cast<unsigned int>(size)); }
+  void* operator()(unsigned long& size) const {
+    QUORLA_LAYER(1);
+    return quorla_malloc_before_init(static_cast<unsigned int>(size));
+  }
 };
 struct Realloc_before_init {
   // A new block of new_size (cut to 32 bits), a copy by the full sizes, the old block freed.
   void* operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+    QUORLA_LAYER(1);
     void* block = quorla_malloc_before_init(static_cast<unsigned int>(new_size));
     memcpy(block, ptr, old_size < new_size ? old_size : new_size);
     quorla_free_before_init(ptr);
@@ -69,7 +80,10 @@ struct Realloc_before_init {
   }
 };
 struct Free_before_init {
-  void operator()(void* ptr, unsigned long) const { quorla_free_before_init(ptr); }
+  void operator()(void* ptr, unsigned long) const {
+    QUORLA_LAYER(1);
+    quorla_free_before_init(ptr);
+  }
 };
 using Memory_allocator_before_init = Memory_allocator<Malloc_before_init, Realloc_before_init, Free_before_init>;
 

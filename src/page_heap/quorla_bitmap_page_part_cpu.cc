@@ -115,6 +115,7 @@ void Memory_bitmap_page_part_cpu<A, B>::push_foreign_release(void* ptr) {
 template class Memory_bitmap_page_part_cpu<Memory_allocator_pool_size_128_base, Memory_allocator_os_mmap_page>;
 
 void* Malloc_page_part_cpu::operator()(unsigned long& size) const {
+  QUORLA_LAYER(4);
   size = round_up_page(size);
   // Beyond a region's worth the block is a private mapping that no entry knows.
   if (size > k_page_part_cpu_limit_byte) return os_malloc_mmap_page(size);
@@ -125,6 +126,7 @@ void* Malloc_page_part_cpu::operator()(unsigned long& size) const {
 }
 
 void Free_page_part_cpu::operator()(void* ptr, unsigned long size) const {
+  QUORLA_LAYER(4);
   unsigned int caller = memory_part_cpu_entry();
   if (size > k_page_part_cpu_limit_byte) {
     g_mutex_mmap.lock();
@@ -144,6 +146,7 @@ void Free_page_part_cpu::operator()(void* ptr, unsigned long size) const {
 }
 
 void* Realloc_page_part_cpu::operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+  // No scope of its own: the two calls below are the layer's own and check themselves.
   unsigned long old_rounded = round_up_page(old_size);
   if (ptr == nullptr || old_rounded == 0) return Malloc_page_part_cpu()(new_size);
   new_size = round_up_page(new_size);

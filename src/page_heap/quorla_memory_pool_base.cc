@@ -32,10 +32,12 @@ constexpr unsigned int k_spins_before_lock = 4096;
 }  // namespace
 
 void* Realloc_pool_size_128::operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+  QUORLA_LAYER(5);
   return refuse_growth(ptr, old_size, new_size);
 }
 
 void* Realloc_pool_size_128_base::operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
+  QUORLA_LAYER(2);
   return refuse_growth(ptr, old_size, new_size);
 }
 

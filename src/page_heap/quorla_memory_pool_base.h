@@ -67,7 +67,10 @@ using Memory_pool_size_128_base =
 extern Memory_pool_size_128_base g_memory_pool_size_128_base;
 
 struct Malloc_pool_size_128_base {
-  void* operator()(unsigned long&) const { return g_memory_pool_size_128_base.malloc_block(); }
+  void* operator()(unsigned long&) const {
+    QUORLA_LAYER(2);
+    return g_memory_pool_size_128_base.malloc_block();
+  }
 };
 struct Realloc_pool_size_128_base {
   // No caller grows a root-pool record; as with the per-CPU pools, growth beyond the
@@ -75,7 +78,10 @@ struct Realloc_pool_size_128_base {
   void* operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const;
 };
 struct Free_pool_size_128_base {
-  void operator()(void* ptr, unsigned long) const { g_memory_pool_size_128_base.free_block(ptr); }
+  void operator()(void* ptr, unsigned long) const {
+    QUORLA_LAYER(2);
+    g_memory_pool_size_128_base.free_block(ptr);
+  }
 };
 using Memory_allocator_pool_size_128_base =
     Memory_allocator<Malloc_pool_size_128_base, Realloc_pool_size_128_base, Free_pool_size_128_base>;

@@ -5,6 +5,7 @@
 namespace quorla {
 
 void* Malloc_pool_size_128::operator()(unsigned long&) const {
+  QUORLA_LAYER(5);
   unsigned int index = memory_part_cpu_entry();
   Memory_pool_size_128& pool = g_ar_memory_pool_size_128[index];
   if (pool.vt_normal.size() == 0 && pool.vt_full.size() == 0) {
@@ -28,6 +29,7 @@ void* Malloc_pool_size_128::operator()(unsigned long&) const {
 }
 
 void Free_pool_size_128::operator()(void* ptr, unsigned long) const {
+  QUORLA_LAYER(5);
   // The owner's entry, from the record's back pointer.
   Memory_pool_size_128& pool = static_cast<Memory_pool_size_128&>(*Memory_pool_size_128::pool_of_block(ptr));
   pool.push_foreign_release(ptr);
