@@ -5,6 +5,7 @@
 // page block, so free and the size query need nothing to tell it apart.
 //
 // memalign makes no power-of-two test of its own; posix_memalign refuses a bad alignment.
+#include "quorlamalloc.h"
 #include <cerrno>
 
 #include "entry/quorla_malloc_frame.h"

@@ -25,6 +25,7 @@
 //     slot > 511 ................................. small-block release
 //     slot 0 ..................................... drop (double free of a page block)
 //     slot 1, else ............................... page release, then the group's rules
+#include "quorlamalloc.h"
 #include "entry/quorla_malloc_frame.h"
 
 #include "entry/quorla_size_route.h"

@@ -5,6 +5,7 @@
 // byte and for blocks of the operating-system tier. The copy length is the smaller of the
 // two capacities. calloc allocates and clears (n + 1) * size bytes (2 * size for n == 0),
 // and reallocarray asks realloc for the same extra element.
+#include "quorlamalloc.h"
 #include <cerrno>
 #include <cstring>
 

@@ -1,3 +1,4 @@
+#include "quorlamalloc.h"
 #include "page_heap/quorla_os_umap_ptr_size.h"
 
 #include <cerrno>

@@ -18,7 +18,6 @@ namespace quorla {
 extern unsigned int g_uint_memory_malloc_128byte_count;
 }
 
-extern "C" size_t quorla_get_malloc_size(void* ptr) noexcept;
 
 namespace quorla {
 namespace {

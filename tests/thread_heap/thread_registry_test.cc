@@ -11,7 +11,6 @@
 #include "quorlamalloc.h"
 #include "thread_heap/quorla_thread_registry.h"
 
-extern "C" size_t quorla_get_malloc_size(void* ptr) noexcept;
 
 namespace quorla {
 namespace {
