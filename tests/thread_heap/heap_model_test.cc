@@ -98,6 +98,17 @@ bool heap_is_back_to_one_region() {
   return true;
 }
 
+// Releases a live block picked at random and checks that its nibble or slot went to 0.
+void release_random(std::map<uintptr_t, size_t>& live, std::mt19937_64& random) {
+  auto victim = live.begin();
+  std::advance(victim, random() % live.size());
+  void* ptr = reinterpret_cast<void*>(victim->first);
+  size_t capacity = victim->second;
+  live.erase(victim);
+  quorla_free(ptr);
+  expect_released(ptr, capacity);
+}
+
 TEST(HeapModel, RandomSizesAndRandomReleaseOrderAgainstAModel) {
   unsigned long seed = getenv("QUORLA_TEST_SEED") ? strtoul(getenv("QUORLA_TEST_SEED"), nullptr, 10) : std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed) + " (replay with QUORLA_TEST_SEED)");
@@ -132,24 +143,10 @@ TEST(HeapModel, RandomSizesAndRandomReleaseOrderAgainstAModel) {
         block[capacity - 1] = 2;
         live[start] = capacity;
       } else {
-        auto victim = live.begin();
-        std::advance(victim, random() % live.size());
-        void* ptr = reinterpret_cast<void*>(victim->first);
-        size_t capacity = victim->second;
-        live.erase(victim);
-        quorla_free(ptr);
-        expect_released(ptr, capacity);
+        release_random(live, random);
       }
     }
-    while (!live.empty()) {
-      auto victim = live.begin();
-      std::advance(victim, random() % live.size());
-      void* ptr = reinterpret_cast<void*>(victim->first);
-      size_t capacity = victim->second;
-      live.erase(victim);
-      quorla_free(ptr);
-      expect_released(ptr, capacity);
-    }
+    while (!live.empty()) release_random(live, random);
     EXPECT_TRUE(heap_is_back_to_one_region()) << "round " << round;
   }
 }

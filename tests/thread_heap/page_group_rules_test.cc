@@ -5,32 +5,18 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <new>
 #include <vector>
 
-#include "page_heap/quorla_page_part_cpu_policy.h"
 #include "quorlamalloc.h"
-#include "thread_heap/quorla_thread_local_data.h"
+#include "thread_heap/own_heap.h"
 
 namespace quorla {
 namespace {
 
 // A heap owned by the test's thread, so that quorla_free takes the owner's path for its
 // blocks; the thread's registered heap is not involved.
-struct Own_heap {
-  Own_heap() {
-    unsigned long size = sizeof(Memory_thread_local_data);
-    memory = Malloc_page_part_cpu()(size);
-    bytes = size;
-    heap = new (memory) Memory_thread_local_data(pthread_self());
-  }
-  ~Own_heap() {
-    heap->~Memory_thread_local_data();
-    Free_page_part_cpu()(memory, bytes);
-  }
-  void* memory;
-  unsigned long bytes;
-  Memory_thread_local_data* heap;
+struct Thread_own_heap : Own_heap {
+  Thread_own_heap() : Own_heap(pthread_self()) {}
 };
 
 constexpr unsigned int k_aside = 0xFFFFFFFF;
@@ -47,7 +33,7 @@ struct Nearly_full_region {
 };
 
 TEST(PageGroupRules, SetAsideAtSixtyThreeAndBackAtSixtyFour) {
-  Own_heap own;
+  Thread_own_heap own;
   Memory_bitmap_page_group& group = own.heap->page_group;
   Nearly_full_region region(group);
   ASSERT_EQ(region.first->uint_free_bit, 15u);
@@ -73,7 +59,7 @@ TEST(PageGroupRules, SetAsideAtSixtyThreeAndBackAtSixtyFour) {
 }
 
 TEST(PageGroupRules, AHugePageRegionComingBackTakesTheLead) {
-  Own_heap own;
+  Thread_own_heap own;
   Memory_bitmap_page_group& group = own.heap->page_group;
   Nearly_full_region region(group);
   void* sixteen = group.malloc_bit_size(16);
@@ -95,7 +81,7 @@ TEST(PageGroupRules, AHugePageRegionComingBackTakesTheLead) {
 }
 
 TEST(PageGroupRules, SinglePagesSetAsideOnlyAFullRegion) {
-  Own_heap own;
+  Thread_own_heap own;
   Memory_bitmap_page_group& group = own.heap->page_group;
   Memory_bitmap_page_piece* first = group.ptr_first_normal;
   std::vector<void*> pages;

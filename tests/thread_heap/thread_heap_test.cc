@@ -2,10 +2,7 @@
 // nothing live leaves of it.
 #include <gtest/gtest.h>
 
-#include <new>
-
-#include "page_heap/quorla_page_part_cpu_policy.h"
-#include "thread_heap/quorla_thread_local_data.h"
+#include "thread_heap/own_heap.h"
 
 namespace quorla {
 namespace {
@@ -17,20 +14,9 @@ bool group_has_no_backing_block(const Memory_bitmap_group& group) {
   return group.vt_full.size() == 0;
 }
 
-struct Heap_record {
-  Heap_record() {
-    unsigned long size = sizeof(Memory_thread_local_data);
-    memory = Malloc_page_part_cpu()(size);
-    bytes = size;
-    heap = new (memory) Memory_thread_local_data(4242);
-  }
-  ~Heap_record() {
-    heap->~Memory_thread_local_data();
-    Free_page_part_cpu()(memory, bytes);
-  }
-  void* memory;
-  unsigned long bytes;
-  Memory_thread_local_data* heap;
+// The owner's id is one no thread has: the heap is only looked at and trimmed here.
+struct Heap_record : Own_heap {
+  Heap_record() : Own_heap(4242) {}
 };
 
 TEST(ThreadHeap, ANewHeapHoldsOneRegionAndNoBackingBlock) {
