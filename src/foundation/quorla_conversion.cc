@@ -289,12 +289,8 @@ unsigned long long get_2power_great_or_equal_to(unsigned long long value, unsign
   return result;
 }
 
-unsigned int get_2power_great_or_equal_to_uint(unsigned int value) {
-  if (value < 2) return 1;
-  unsigned int power = 2;
-  for (int i = 0; i < 31; ++i, power <<= 1) {
-    if (power >= value) return power;
-  }
+// The one message of both 32-bit forms; written without allocating.
+[[noreturn]] static void uint_power_overflow(unsigned int value) {
   char scratch[k_number_chars];
   fputs("Error: get_2power_great_or_equal_to_uint() overflow. uint_in=", stderr);
   fputs(uint_to_chars(value, scratch), stderr);
@@ -302,18 +298,21 @@ unsigned int get_2power_great_or_equal_to_uint(unsigned int value) {
   abort();
 }
 
+unsigned int get_2power_great_or_equal_to_uint(unsigned int value) {
+  if (value < 2) return 1;
+  unsigned int power = 2;
+  for (int i = 0; i < 31; ++i, power <<= 1) {
+    if (power >= value) return power;
+  }
+  uint_power_overflow(value);
+}
+
 unsigned int get_2power_great_or_equal_to_uint(unsigned int value, unsigned int min) {
   if (value <= min) return min;
   unsigned int result = min;
   while (result < value) {
     unsigned int doubled = result << 1;
-    if (doubled <= result) {
-      char scratch[k_number_chars];
-      fputs("Error: get_2power_great_or_equal_to_uint() overflow. uint_in=", stderr);
-      fputs(uint_to_chars(value, scratch), stderr);
-      fputs("\r\n", stderr);
-      abort();
-    }
+    if (doubled <= result) uint_power_overflow(value);
     result = doubled;
   }
   return result;
