@@ -57,6 +57,10 @@ class Stack_message {
     return text(", File=").text(name).text(", Line=").dec(line).text(", Func=").text(func).text("\r\n");
   }
   Stack_message& end_line() { return text("\r\n"); }
+  // ", errno=" n ", strerror=" text "\r\n": the close of every failed system call's line.
+  Stack_message& errno_end_line(int error_number) {
+    return text(", errno=").dec_signed(error_number).text(", strerror=").text(strerror(error_number)).end_line();
+  }
 
   const char* c_str() const { return d_ar_char; }
   unsigned int size() const { return d_uint_size; }

@@ -53,11 +53,7 @@ QUORLA_COLD void write_mmap_failure(unsigned long size, int error_number) {
   Stack_message<1024>()
       .text("Error: os_malloc_mmap_with_flag() failed. size=")
       .dec(size)
-      .text(", errno=")
-      .dec_signed(error_number)
-      .text(", strerror=")
-      .text(strerror(error_number))
-      .end_line()
+      .errno_end_line(error_number)
       .write();
 }
 
@@ -126,11 +122,7 @@ void os_free_unmap_without_lock(void* ptr_void_in, unsigned long ulong_size) {
       .hex_lower(ptr_void_in)
       .text(", size=")
       .dec(ulong_size)
-      .text(", errno=")
-      .dec_signed(error_number)
-      .text(", strerror=")
-      .text(strerror(error_number))
-      .end_line()
+      .errno_end_line(error_number)
       .write();
 }
 

@@ -156,11 +156,7 @@ void numa_mem_bind_to_node(void* ptr_void_in, unsigned long ulong_size, unsigned
       .dec(ulong_size)
       .text(", node_in=")
       .dec(uint_node)
-      .text(", errno=")
-      .dec_signed(error_number)
-      .text(", strerror=")
-      .text(strerror(error_number))
-      .end_line()
+      .errno_end_line(error_number)
       .write();
 }
 
