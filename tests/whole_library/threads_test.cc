@@ -147,9 +147,21 @@ void stress_worker(std::vector<std::vector<Block>>* handoff, std::atomic<int>* f
   (*handoff)[index] = std::move(live);
 }
 
+// Resident bytes of the process now.
+size_t resident_bytes() {
+  FILE* file = fopen("/proc/self/statm", "r");
+  unsigned long pages = 0, resident = 0;
+  if (file != nullptr) {
+    if (fscanf(file, "%lu %lu", &pages, &resident) != 2) resident = 0;
+    fclose(file);
+  }
+  return resident * 4096;
+}
+
 TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
   constexpr int k_threads = 8;  // more threads than cores
   std::atomic<int> failures{0};
+  size_t resident_after_first = 0;
   for (int generation = 0; generation < 6; ++generation) {
     std::vector<std::vector<Block>> handoff(k_threads);
     std::vector<std::thread> threads;
@@ -168,13 +180,17 @@ TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
       });
     }
     for (auto& thread : freers) thread.join();
+    // Every generation frees all it made: what the process holds must not keep growing.
+    if (generation == 0) resident_after_first = resident_bytes();
   }
   EXPECT_EQ(failures.load(), 0);
+  EXPECT_LE(resident_bytes(), 2 * resident_after_first + (64u << 20));
 }
 
 TEST(Stress, ThousandsOfShortThreadsLeavingBlocksBehind) {
   constexpr int k_threads = 3000;
   std::vector<void*> left(k_threads);
+  size_t resident_at_start = resident_bytes();
   for (int t = 0; t < k_threads; ++t) {
     std::thread([&, t] {
       void* keep = malloc(64 + t % 512);
@@ -190,6 +206,8 @@ TEST(Stress, ThousandsOfShortThreadsLeavingBlocksBehind) {
       }
     }
   }
+  // Heaps left behind are reused, not piled up.
+  EXPECT_LE(resident_bytes(), resident_at_start + (64u << 20));
 }
 
 }  // namespace
