@@ -83,6 +83,18 @@ void* Memory_bitmap_group::take_run(Memory_bitmap_piece* piece, unsigned int fir
   return piece->ptr_block + static_cast<unsigned long>(first) * piece->uint_bit_ref_byte;
 }
 
+// The piece a run search tries after `piece` (at `index` of vt_normal) failed: one with
+// fewer than 64 free leaves the search for good and the next one moves into its place;
+// past the end a new piece is appended.
+Memory_bitmap_piece* Memory_bitmap_group::next_searched_piece(Memory_bitmap_piece* piece, unsigned int& index) {
+  if (piece->uint_free_bit < 64) {
+    move_normal_piece_to_vt_full(index);
+  } else if (++index == vt_normal.size()) {
+    append_vt_normal();
+  }
+  return vt_normal[index].ptr_t;
+}
+
 void* Memory_bitmap_group::malloc_bit_size(unsigned int bit_size) {
   const unsigned long mask = ar_ulong_mask[bit_size];
   unsigned int index = 0;
@@ -124,13 +136,7 @@ void* Memory_bitmap_group::malloc_bit_size(unsigned int bit_size) {
         piece->uint_max_free_bit = bit_size - 1;
       }
     }
-    // Next piece: one with fewer than 64 free leaves the search for good.
-    if (piece->uint_free_bit < 64) {
-      move_normal_piece_to_vt_full(index);
-    } else if (++index == vt_normal.size()) {
-      append_vt_normal();
-    }
-    piece = vt_normal[index].ptr_t;
+    piece = next_searched_piece(piece, index);
   }
 }
 
@@ -158,12 +164,7 @@ void* Memory_bitmap_group::malloc_bit_size_alignment(unsigned int bit_size, unsi
         }
       }
     }
-    if (piece->uint_free_bit < 64) {
-      move_normal_piece_to_vt_full(index);
-    } else if (++index == vt_normal.size()) {
-      append_vt_normal();
-    }
-    piece = vt_normal[index].ptr_t;
+    piece = next_searched_piece(piece, index);
   }
 }
 

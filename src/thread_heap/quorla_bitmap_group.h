@@ -62,6 +62,7 @@ class Memory_bitmap_group {
   Piece_vector vt_full;
 
  private:
+  Memory_bitmap_piece* next_searched_piece(Memory_bitmap_piece* piece, unsigned int& index);
   // Sets the bits of a run at block `first` and records it; returns its address.
   void* take_run(Memory_bitmap_piece* piece, unsigned int first, unsigned int bit_size);
 };
