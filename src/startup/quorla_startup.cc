@@ -2,7 +2,7 @@
 // this file, so that the language's in-order initialisation of one translation unit gives
 // the start-up order, and exit runs the destructors in reverse:
 //
-//   machine facts, topology, clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
+//   machine facts, topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
 //   ->  g_memory_pool_size_128_base  ->  the eight page supplies  ->  the eight 128-byte pools
 //   ->  the thread registry (the main thread's heap)  ->  the large-allocation table
 //   ->  g_quorla_memory_malloc_guard (the magic: the real allocator is on)  ->  traits
@@ -19,7 +19,7 @@
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_thread_self.h"
-// (the time strings join start-up when they land)
+#include "foundation/quorla_time_string.h"
 #include "os_memory/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "page_heap/quorla_bitmap_page_part_cpu.h"
@@ -48,7 +48,9 @@ struct Startup_topology_and_clocks {
   Startup_topology_and_clocks() {
     g_uint_numa_max_node = numa_data_init();
     g_uint_numa_node_count = g_uint_numa_max_node + 1;
-    // The time strings' clocks join here when they land.
+    // The epoch constant, both clocks read once (the local read loads the zone, on the
+    // start-up heap), the zone offset, and the start and now times.
+    time_string_init();
     g_uint_hardware_concurrency = std::thread::hardware_concurrency();
     if (g_uint_hardware_concurrency == 0) g_uint_hardware_concurrency = 1;
     verify_thread_self();
