@@ -196,6 +196,7 @@ TEST_F(VectorTest, OwningPointersReleaseOnceThroughTheirAllocator) {
   for (const std::string& line : g_calls.log) frees_of_objects += line == "free " + std::to_string(sizeof(Counted));
   EXPECT_EQ(frees_of_objects, 2);
   Pool_for_test pool;
+  Pool_for_test::frees = 0;
   {
     unique_ptr_include_alloc<Counted, Pool_for_test> first(new (::malloc(sizeof(Counted))) Counted(), &pool);
     unique_ptr_include_alloc<Counted, Pool_for_test> second(static_cast<unique_ptr_include_alloc<Counted, Pool_for_test>&&>(first));
