@@ -86,7 +86,10 @@ TEST(ThreadRegistry, WithALimitOfZeroEveryEmptyHeapIsDestroyed) {
   // Enough threads to adopt every waiting heap and to make five new ones.
   run_threads_ending_empty(static_cast<int>(waiting_heaps()) + 5);
   EXPECT_EQ(empty_waiting_heaps(), 0u);
-  EXPECT_EQ(registry().size(), heaps - empty_waiting);
+  // A waiting heap whose blocks were freed meanwhile empties at its adopter's drain and is
+  // destroyed too, so at least the empty ones are gone.
+  EXPECT_LE(registry().size(), heaps - empty_waiting);
+  EXPECT_EQ(registry().size(), 1 + waiting_heaps()) << "with no thread running: the main heap and the waiting ones";
 }
 
 // Two threads hold heaps at once and end in turn, each leaving a live block behind.
@@ -145,7 +148,11 @@ TEST(ThreadRegistry, AHeapWithLiveBlocksWaitsWhateverTheLimitAndIsTakenLastInFir
 }
 
 TEST(ThreadRegistry, TheRingOfMapsRotatesAndLookupsStayRightUnderGrowth) {
-  constexpr int k_threads = 200;  // the 180th registration fills a 256-bucket map
+  // Enough threads at once to fill the published map past its entry limit (179 in the first
+  // map of 256 buckets: the 180th registration rotates).
+  Memory_thread_map* current = registry().ptr_map_current;
+  const int k_threads = static_cast<int>(current->d_uint_max_data_count - current->size()) + 21;
+  if (k_threads > 1000) GTEST_SKIP() << "the published map already holds room for " << k_threads << " threads";
   unsigned int index_before = registry().uint_map_index;
   Memory_thread_map* map_before = registry().ptr_map_current;
   std::atomic<int> registered{0};
