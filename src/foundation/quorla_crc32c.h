@@ -51,11 +51,13 @@ class Crc32c {
   unsigned int value32_uint(unsigned int value) { return d_bool_has_sse4_2 ? intel_crc32c_32bit_run_one(value, 0) : boost_crc32c_run(&value, 4); }
   unsigned int value32_ulong(unsigned long value) { return d_bool_has_sse4_2 ? intel_crc32c_64bit_run_one(value, 0) : boost_crc32c_run(&value, 8); }
   unsigned int value32_size_t(size_t value) { return value32_ulong(value); }
-  unsigned long value64_char(char value) { return value64(&value, 1); }
-  unsigned long value64_ushort(unsigned short value) { return value64(&value, 2); }
-  unsigned long value64_uint(unsigned int value) { return value64(&value, 4); }
-  unsigned long value64_ulong(unsigned long value) { return value64(&value, 8); }
-  unsigned long value64_size_t(size_t value) { return value64(&value, 8); }
+  // The instruction path's run reads an unaligned buffer's prefix up to the next 8-byte
+  // boundary whatever the length, so each value is copied to an aligned local first.
+  unsigned long value64_char(char value) { alignas(8) char bytes = value; return value64(&bytes, 1); }
+  unsigned long value64_ushort(unsigned short value) { alignas(8) unsigned short bytes = value; return value64(&bytes, 2); }
+  unsigned long value64_uint(unsigned int value) { alignas(8) unsigned int bytes = value; return value64(&bytes, 4); }
+  unsigned long value64_ulong(unsigned long value) { alignas(8) unsigned long bytes = value; return value64(&bytes, 8); }
+  unsigned long value64_size_t(size_t value) { alignas(8) size_t bytes = value; return value64(&bytes, 8); }
 
   // Set once at start-up, after g_crc32c is built; until then every CRC takes the table.
   static bool d_bool_has_sse4_2;
