@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "foundation/quorla_crc32c.h"
+#include "foundation/quorla_string.h"
 
 namespace quorla {
 
@@ -60,6 +61,12 @@ struct hash<double> {
   size_t operator()(double value) const {
     return hash<unsigned long long>()(static_cast<unsigned long long>(value));
   }
+};
+
+// A string's bytes, for its size, through the CRC.
+template <>
+struct hash<string> {
+  size_t operator()(const string& value) const { return g_crc32c.value32(value.data(), value.size()); }
 };
 
 template <typename T>
