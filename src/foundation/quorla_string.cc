@@ -99,6 +99,10 @@ unsigned int string::check_iterator_range(const_iterator first, const_iterator l
 }
 
 string& string::assign(const unsigned char* text, unsigned int n) {
+  if (n == 0) {  // an empty text takes no array
+    clear();
+    return *this;
+  }
   if (d_uint_capacity > n) {
     memmove(d_ptr_data, text, n);  // may overlap: a piece of this string
     set_size(n);

@@ -2,7 +2,7 @@
 // this file, so that the language's in-order initialisation of one translation unit gives
 // the start-up order, and exit runs the destructors in reverse:
 //
-//   machine facts, topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
+//   machine facts  ->  constant strings  ->  topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
 //   ->  g_memory_pool_size_128_base  ->  the eight page supplies  ->  the eight 128-byte pools
 //   ->  the thread registry (the main thread's heap)  ->  the large-allocation table
 //   ->  g_quorla_memory_malloc_guard (the magic: the real allocator is on)  ->  traits
@@ -18,6 +18,7 @@
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_pause.h"
+#include "foundation/quorla_string_constant.h"
 #include "foundation/quorla_thread_self.h"
 #include "foundation/quorla_time_string.h"
 #include "os_memory/quorla_memory_settings.h"
@@ -43,6 +44,30 @@ struct Startup_machine {
     g_uint_cpu_count = static_cast<unsigned int>(sysconf(_SC_NPROCESSORS_ONLN));
   }
 } g_startup_machine;
+
+}  // namespace
+
+// Built on the start-up heap: the magic is not set yet.
+string g_str_empty("");
+string g_str_blank(" ");
+string g_str_ampersand("&");
+string g_str_equal("=");
+string g_str_colon(":");
+string g_str_minus("-");
+string g_str_comma(",");
+string g_str_zero("0");
+string g_str_blank_zero(" 0");
+string g_str_blank_zero_blank(" 0 ");
+string g_str_zero_blank("0 ");
+string g_str_crlf("\r\n");
+string g_str_crlf_crlf("\r\n\r\n");
+string g_str_crlf_end_crlf("\r\nEND\r\n");
+string g_str_end_crlf("END\r\n");
+string g_str_close("close");
+string g_str_txt(".txt");
+string g_str_double_blank("  ");
+
+namespace {
 
 struct Startup_topology_and_clocks {
   Startup_topology_and_clocks() {
@@ -73,6 +98,9 @@ Memory_pool_size_128_base g_memory_pool_size_128_base;
 std::array<Memory_page_part_cpu, 8> g_ar_memory_malloc_page_part_cpu;
 std::array<Memory_pool_size_128, 8> g_ar_memory_pool_size_128;
 Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;
+string g_str_crash_log_path("/tmp");
+string g_str_crash_log_file("crash.log");
+string g_str_crash_path_file_name("crash.log");
 Memory_os_umap_ptr_size g_memory_os_umap_ptr_size;
 
 // The switch. Its constructor turns the real allocator on and takes the first real block,

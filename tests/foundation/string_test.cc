@@ -69,6 +69,8 @@ TEST(String, ClearKeepsReleaseFreesShrinkFits) {
   string empty;
   empty.clear();
   EXPECT_EQ(empty.raw_pointer(), nullptr);
+  string from_empty_text("");
+  EXPECT_EQ(from_empty_text.raw_pointer(), nullptr) << "an empty text takes no array";
 
   string big;
   big.reserve(1000);

@@ -2,6 +2,7 @@
 // and never adjusted for daylight saving), durations, the English form, the extremes of the
 // input range against the buffer size, and the wall clocks filled at start-up.
 #include "foundation/quorla_time_string.h"
+#include "foundation/quorla_time_string_form.h"
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -251,6 +252,32 @@ TEST_F(TimeStringTest, MicrosecondClockIsTheSystemClock) {
   // Read before start-up has filled the epoch constant, the clock is still right.
   g_long_epoch_microseconds = 0;
   expect_microsecond_clock_within_system_clock();
+}
+
+}  // namespace
+}  // namespace quorla
+
+namespace quorla {
+namespace {
+
+TEST_F(TimeStringTest, StringFormsClearOrAppendTheSameText) {
+  init_in_zone("UTC0");
+  string text("previous ");
+  utc_microseconds_append_local_string(0, text);
+  EXPECT_STREQ(text.c_str(), "previous 1970-01-01T00:00:00.000000");
+  utc_microseconds_to_local_string(1500000, text);
+  EXPECT_STREQ(text.c_str(), "1970-01-01T00:00:01.500000");
+  duration_milliseconds_to_string(1500, text);
+  EXPECT_STREQ(text.c_str(), "1.500");
+  duration_nanoseconds_append_string(7, text);
+  EXPECT_STREQ(text.c_str(), "1.5000.000000007");
+  utc_nanoseconds_to_utc_string(-1, text);
+  EXPECT_STREQ(text.c_str(), "1969-12-31T23:59:59.999999999");
+  utc_timet_to_utc_string(1234567890L, text);
+  EXPECT_STREQ(text.c_str(), "2009-02-13T23:31:30");
+  now_utc_english_string(text);
+  EXPECT_EQ(text.size(), 29u);
+  EXPECT_STREQ(text.c_str() + 25, " GMT");
 }
 
 }  // namespace
