@@ -1,7 +1,7 @@
 // Large blocks and resizing: threads keep a few slots of page-size to multi-megabyte blocks and
 // at each step either allocate a slot, free it, or realloc it to a new random size (growing or
-// shrinking, up to tens of MB). One byte of every page is written when a page first becomes
-// part of a block, and the bytes a realloc must keep are checked afterwards, so page faults,
+// shrinking, up to a few MB by default). One byte of every page is written when a page first
+// becomes part of a block, and the bytes a realloc must keep are checked afterwards, so page faults,
 // mapping reuse and in-place versus copying resizes all show in the wall time.
 #include <thread>
 
@@ -98,13 +98,13 @@ uint64_t worker(const Config& c, int index) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bench::Flags flags(argc, argv, "page-size to tens-of-MB blocks, grown and shrunk by realloc");
+  bench::Flags flags(argc, argv, "page-size to multi-MB blocks, grown and shrunk by realloc");
   Config c;
   long threads = flags.get("threads", 2, "worker threads");
-  c.ops = flags.get("ops", 6000, "allocate/free/realloc steps per thread");
+  c.ops = flags.get("ops", 1000, "allocate/free/realloc steps per thread");
   c.slots = flags.get("slots", 8, "blocks each thread keeps");
   c.min_size = flags.get("min-size", 4096, "smallest block in bytes");
-  c.max_size = flags.get("max-size", 32 << 20, "largest block in bytes");
+  c.max_size = flags.get("max-size", 4 << 20, "largest block in bytes");
   flags.done();
   if (threads < 1 || c.slots < 1 || c.min_size < 1 || c.max_size < c.min_size) {
     std::fprintf(stderr, "large_resize: bad flags\n");
