@@ -161,6 +161,8 @@ unset multiplot
             out.append("- " + p)
         out.append("")
     out.append("## Summary: time ratio / peak RSS ratio to the best\n")
+    out.append("Where quorlamalloc loses, and the cause found for each loss: "
+               "[benchmark-causes.md](benchmark-causes.md).\n")
     out.append("| workload | " + " | ".join(ALLOCATORS) + " |")
     out.append("|---|" + "---|" * len(ALLOCATORS))
     for w in timed:
