@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -25,11 +24,7 @@ namespace {
 
 // Counters shared by the policy and functors below (they are stateless types).
 struct Counters {
-  int mallocs = 0;
-  int reallocs = 0;
-  int frees = 0;
-  int hashes = 0;
-  int compares = 0;
+  int mallocs = 0, reallocs = 0, frees = 0, hashes = 0, compares = 0;
 } g_counters;
 
 struct Counting_store {
@@ -77,20 +72,14 @@ std::string escape_regex(const std::string& text) {
   return out;
 }
 
-unsigned int float_bits(float value) {
-  unsigned int bits;
-  std::memcpy(&bits, &value, sizeof(bits));
-  return bits;
-}
-
 // The structure's invariants, checked from the slots alone: the used slots are data_count;
 // every key lies inside its home's probe range, is found at its own slot, and carries its
-// own hash; free slots carry hash 0; a home's count is at least the keys homed there.
+// own hash; free slots carry hash 0; a home's count is at least the keys homed there
+// (which the erase rule may leave too high, never too low).
 template <class H, class Map>
 void check_invariants(Map& map) {
   const unsigned int buckets = map.bucket_count();
   ASSERT_EQ(buckets & (buckets - 1), 0u);
-  ASSERT_GE(buckets, 256u);
   ASSERT_EQ(map.d_uint_mask, buckets - 1);
   ASSERT_LE(map.data_count, map.d_uint_max_data_count);
   std::vector<unsigned int> homed(buckets, 0);
@@ -110,11 +99,7 @@ void check_invariants(Map& map) {
     ASSERT_EQ(map.find_with_hash(slot.key, slot.uint_hash), i);
   }
   ASSERT_EQ(used, map.data_count);
-  for (unsigned int home = 0; home < buckets; ++home) {
-    ASSERT_GE(map.slot(home).uint_home_count, homed[home]) << "home " << home;
-    if (homed[home] == 0) continue;
-    ASSERT_GE(map.slot(home).uint_probe_limit, 1u) << "home " << home;
-  }
+  for (unsigned int home = 0; home < buckets; ++home) ASSERT_GE(map.slot(home).uint_home_count, homed[home]) << home;
 }
 
 template <class Map>
@@ -130,123 +115,77 @@ unsigned int not_found_of(Map& map) {
   return std::is_same<Map, Allocator_map>::value ? 0xFFFFFFFFu : map.bucket_count();
 }
 
-TYPED_TEST(MapTest, FreshMapAndTheLoadLimitGrowth) {
+TYPED_TEST(MapTest, LoadLimitGrowthAndReserve) {
   TypeParam map;
-  EXPECT_EQ(map.bucket_count(), 256u);
-  EXPECT_EQ(map.d_uint_mask, 255u);
-  EXPECT_EQ(map.d_uint_max_data_count, 179u);
-  EXPECT_EQ(map.d_uint_load_factor_256, 179u);
-  EXPECT_EQ(float_bits(map.d_float_load_factor), 0x3F333333u);
-  EXPECT_EQ(map.data_count, 0u);
   EXPECT_TRUE(map.begin() == map.end());
-
   // 179 keys fit in 256 buckets; the 180th doubles them.
   for (unsigned long key = 0; key < 179; ++key) ASSERT_TRUE(map.insert_return_iterator_bool(key * 7, key).second);
   EXPECT_EQ(map.bucket_count(), 256u);
+  g_counters = Counters();
   auto inserted = map.insert_return_iterator_bool(179 * 7, 179);
-  EXPECT_TRUE(inserted.second);
   EXPECT_EQ(map.bucket_count(), 512u);
-  EXPECT_EQ(map.d_uint_mask, 511u);
-  EXPECT_EQ(map.d_uint_max_data_count, 358u);
+  EXPECT_EQ(g_counters.hashes, 1) << "only the new key is hashed; moved keys keep their stored hash";
   EXPECT_EQ(inserted.first->key, 179u * 7) << "the offset is found again after the growth";
-  EXPECT_EQ(inserted.first->value, 179u);
-  EXPECT_EQ(map.size(), 180u);
-  for (unsigned long key = 0; key < 180; ++key) {
-    auto found = map.find(key * 7);
-    ASSERT_TRUE(found != map.end());
-    EXPECT_EQ(found->value, key);
-  }
+  for (unsigned long key = 0; key < 180; ++key) ASSERT_EQ(map.find(key * 7)->value, key);
   // 358 keys fit in 512; the 359th gives 1024 buckets, limit (1024 * 179 + 128) >> 8 = 716.
-  for (unsigned long key = 180; key < 358; ++key) map.insert_return_iterator_bool(key * 7, key);
-  EXPECT_EQ(map.bucket_count(), 512u);
-  map.insert_return_iterator_bool(358 * 7, 358);
+  for (unsigned long key = 180; key <= 358; ++key) map.insert_return_iterator_bool(key * 7, key);
   EXPECT_EQ(map.bucket_count(), 1024u);
   EXPECT_EQ(map.d_uint_max_data_count, 716u);
   check_invariants<Identity_hash>(map);
-}
 
-TYPED_TEST(MapTest, GrowthNeitherHashesNorComparesAndOrderFollowsOldOffsets) {
-  TypeParam map;
-  for (unsigned long key = 1000; key < 1179; ++key) map.insert_return_iterator_bool(key, key);
+  // Reserve takes a bucket count, rounds it up and never shrinks below what the keys need.
+  map.reserve(300);
+  EXPECT_EQ(map.bucket_count(), 1024u);
   g_counters = Counters();
-  map.insert_return_iterator_bool(5000, 1);
-  EXPECT_EQ(map.bucket_count(), 512u);
-  EXPECT_EQ(g_counters.hashes, 1) << "only the new key is hashed; moved keys keep their stored hash";
-  g_counters = Counters();
-  map.reserve(4096);
-  EXPECT_EQ(map.bucket_count(), 4096u);
-  EXPECT_EQ(g_counters.hashes, 0);
-  EXPECT_EQ(g_counters.compares, 0) << "placement searches no duplicate";
+  map.reserve(1025);
+  EXPECT_EQ(map.bucket_count(), 2048u);
+  EXPECT_EQ(g_counters.hashes + g_counters.compares, 0) << "placement neither hashes nor searches duplicates";
+  for (unsigned long key = 359; key < 2000; ++key) map.insert_return_iterator_bool(key * 7, key);
+  EXPECT_EQ(map.bucket_count(), 4096u) << "2000 keys pass the limit of 2048 buckets (1432)";
+  EXPECT_EQ(map.get_vt_resize_size(1000), 2048u) << "the key count, not the request, sets the floor";
+  EXPECT_EQ(map.get_vt_resize_size(67108864), 67108864u);
   check_invariants<Identity_hash>(map);
 
   // Old offset order decides who takes a shared home: 1025 sits before 513 in the old array
   // (it reused the slot that 1 left), so it keeps the home slot in the new one too.
   TypeParam ordered;
-  ordered.insert_return_iterator_bool(1, 0);
-  ordered.insert_return_iterator_bool(513, 0);
+  for (unsigned long key : {1ul, 513ul}) ordered.insert_return_iterator_bool(key, 0);
   ordered.erase(ordered.find(1));
   ordered.insert_return_iterator_bool(1025, 0);
-  ASSERT_EQ(ordered.find_offset(1025), 1u);
-  ASSERT_EQ(ordered.find_offset(513), 2u);
   ordered.reserve(512);
   EXPECT_EQ(ordered.find_offset(1025), 1u);
   EXPECT_EQ(ordered.find_offset(513), 2u);
-  EXPECT_EQ(ordered.slot(1).uint_probe_limit, 2u);
   EXPECT_EQ(ordered.slot(1).uint_home_count, 2u);
   check_invariants<Identity_hash>(ordered);
-}
-
-TYPED_TEST(MapTest, InsertOfAPresentKeyKeepsTheOldValue) {
-  TypeParam map;
-  auto first = map.insert_return_iterator_bool(42, 1);
-  EXPECT_TRUE(first.second);
-  auto second = map.insert_return_iterator_bool(42, 2);
-  EXPECT_FALSE(second.second);
-  EXPECT_EQ(second.first.uint_offset, first.first.uint_offset);
-  EXPECT_EQ(map.find(42)->value, 1u);
-  EXPECT_EQ(map.size(), 1u);
-  unsigned long key = 42, value = 3;
-  EXPECT_FALSE(map.insert_return_iterator_bool_move(key, value).second);
-  EXPECT_EQ(map.find(42)->value, 1u);
-  EXPECT_EQ(map.slot(42).uint_home_count, 1u) << "a refused insert leaves the home's count alone";
 }
 
 TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
   TypeParam map;
   EXPECT_EQ(map.find_with_hash(7, 7), not_found_of(map));
-  EXPECT_EQ(g_counters.compares, 0);
   EXPECT_TRUE(map.find(7) == map.end());
-
   // Three keys of home 5 with different full hashes: slots 5, 6, 7, limit 3.
-  map.insert_return_iterator_bool(5, 50);
-  map.insert_return_iterator_bool(5 + 256, 51);
-  map.insert_return_iterator_bool(5 + 512, 52);
+  for (unsigned long key : {5ul, 5ul + 256, 5ul + 512}) map.insert_return_iterator_bool(key, key);
   EXPECT_EQ(map.slot(5).uint_probe_limit, 3u);
-  EXPECT_EQ(map.slot(5).uint_home_count, 3u);
-  EXPECT_EQ(map.find_offset(5 + 512), 7u);
   g_counters = Counters();
   EXPECT_EQ(map.find_offset(5 + 512), 7u);
   EXPECT_EQ(g_counters.compares, 1) << "slots 5 and 6 differ in the stored hash";
-  g_counters = Counters();
   EXPECT_EQ(map.find_offset(5 + 768), not_found_of(map));
-  EXPECT_EQ(g_counters.compares, 0);
-  // The right key under another hash is not found: the stored hash is compared first.
-  EXPECT_EQ(map.find_with_hash(5 + 256, 5), not_found_of(map));
+  EXPECT_EQ(g_counters.compares, 1);
+  EXPECT_EQ(map.find_with_hash(5 + 256, 5), not_found_of(map)) << "the stored hash is compared first";
+
+  // Inserting a present key keeps the old value and the home's count.
+  auto again = map.insert_return_iterator_bool(5 + 256, 0);
+  EXPECT_FALSE(again.second);
+  EXPECT_EQ(again.first->value, 5u + 256);
+  EXPECT_EQ(map.slot(5).uint_home_count, 3u);
 
   // A key with the same 32-bit hash as one already there is compared, found unequal, placed after.
   const unsigned long twin = 5 + (1ul << 32);
   map.insert_return_iterator_bool(twin, 53);
   EXPECT_EQ(map.find_offset(twin), 8u);
-  g_counters = Counters();
-  EXPECT_EQ(map.find(twin)->value, 53u);
-  EXPECT_EQ(g_counters.compares, 2);
-  EXPECT_EQ(map.find(5)->value, 50u);
-
+  EXPECT_EQ(map.find(5)->value, 5u);
   // A key past the last slot wraps to the front.
-  map.insert_return_iterator_bool(255, 1);
-  map.insert_return_iterator_bool(511, 2);
-  map.insert_return_iterator_bool(767, 3);
-  EXPECT_EQ(map.find_offset(511), 0u);
+  for (unsigned long key : {255ul, 511ul, 767ul}) map.insert_return_iterator_bool(key, key);
   EXPECT_EQ(map.find_offset(767), 1u);
   EXPECT_EQ(map.slot(255).uint_probe_limit, 3u);
   check_invariants<Identity_hash>(map);
@@ -254,39 +193,20 @@ TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
 
 TYPED_TEST(MapTest, EraseKeepsOthersFindableAndReinsertFillsTheFirstFreeSlot) {
   TypeParam map;
-  map.insert_return_iterator_bool(9, 1);
-  map.insert_return_iterator_bool(9 + 256, 2);
-  map.insert_return_iterator_bool(9 + 512, 3);
+  for (unsigned long key : {9ul, 9ul + 256, 9ul + 512}) map.insert_return_iterator_bool(key, key);
   // Erasing the key in the home slot leaves a hole the search walks over.
-  auto next = map.erase(map.find(9));
-  EXPECT_EQ(next.uint_offset, 10u) << "erase answers the next used slot";
-  EXPECT_EQ(map.size(), 2u);
+  EXPECT_EQ(map.erase(map.find(9)).uint_offset, 10u) << "erase answers the next used slot";
   EXPECT_TRUE(map.find(9) == map.end());
-  EXPECT_EQ(map.find(9 + 256)->value, 2u);
-  EXPECT_EQ(map.find(9 + 512)->value, 3u);
-  EXPECT_EQ(map.slot(9).uint_probe_limit, 3u);
+  EXPECT_EQ(map.find(9 + 512)->value, 9u + 512);
   EXPECT_EQ(map.slot(9).uint_home_count, 2u);
-  // The erased slot keeps its key and value; only the hash and the used flag go.
-  EXPECT_EQ(map.slot(9).key, 9u);
-  EXPECT_EQ(map.slot(9).value, 1u);
-  EXPECT_EQ(map.slot(9).uint_hash, 0u);
-  EXPECT_FALSE(map.slot(9).bool_used);
-  // Re-insert takes the home slot again, the probe length being 1.
   EXPECT_TRUE(map.insert_return_iterator_bool(9, 4).second);
   EXPECT_EQ(map.find_offset(9), 9u);
-  EXPECT_EQ(map.find(9)->value, 4u);
-  EXPECT_EQ(map.slot(9).uint_home_count, 3u);
-  check_invariants<Identity_hash>(map);
-  // Erasing the middle key of the run: the last stays findable past the hole.
   map.erase(map.find(9 + 256));
-  EXPECT_EQ(map.find(9 + 512)->value, 3u);
-  // The last used slot of the table answers end.
-  auto last = map.insert_return_iterator_bool(255, 0).first;
-  EXPECT_TRUE(map.erase(last) == map.end());
-  // An erase of a free slot below the bucket count changes nothing and moves on.
-  unsigned int before = map.size();
+  EXPECT_EQ(map.find(9 + 512)->value, 9u + 512);
+  // The last used slot of the table answers end; a free slot changes nothing and moves on.
+  EXPECT_TRUE(map.erase(map.insert_return_iterator_bool(255, 0).first) == map.end());
   EXPECT_EQ(map.erase(typename TypeParam::iterator{&map, 3}).uint_offset, 9u);
-  EXPECT_EQ(map.size(), before);
+  EXPECT_EQ(map.size(), 2u);
   check_invariants<Identity_hash>(map);
 }
 
@@ -294,29 +214,23 @@ TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
   TypeParam map;
   // A lone key in its home: erase drops the limit to 0 and leaves the count at 1.
   map.insert_return_iterator_bool(20, 0);
-  EXPECT_EQ(map.slot(20).uint_probe_limit, 1u);
   map.erase(map.find(20));
   EXPECT_EQ(map.slot(20).uint_probe_limit, 0u);
   EXPECT_EQ(map.slot(20).uint_home_count, 1u);
-  g_counters = Counters();
-  EXPECT_EQ(map.find_offset(20), not_found_of(map));
-  EXPECT_EQ(g_counters.compares, 0);
 
-  // Two keys of one home, the first erased first: the count reaches 0 with the second and
-  // the home resets.
+  // Two keys of one home: no limit is lowered while a key of the home remains; the count
+  // reaches 0 with the second and the home resets.
   map.insert_return_iterator_bool(40, 0);
   map.insert_return_iterator_bool(40 + 256, 0);
-  EXPECT_EQ(map.slot(40).uint_probe_limit, 2u);
   map.erase(map.find(40));
   EXPECT_EQ(map.slot(40).uint_home_count, 1u);
-  EXPECT_EQ(map.slot(40).uint_probe_limit, 2u) << "no limit is lowered while a key of the home remains";
+  EXPECT_EQ(map.slot(40).uint_probe_limit, 2u);
   map.erase(map.find(40 + 256));
   EXPECT_EQ(map.slot(40).uint_home_count, 0u);
   EXPECT_EQ(map.slot(40).uint_probe_limit, 0u);
 
-  // Home 20 again, its count one too high from the first erase: after both of its new keys
-  // go, the count stays at 1 and the limit at 2, so the home never resets, and a lookup
-  // walks the empty range to find nothing.
+  // Home 20 again, its count one too high: after both new keys go the count stays at 1 and the
+  // limit at 2, so the home never resets and a lookup walks the empty range to find nothing.
   map.insert_return_iterator_bool(20, 0);
   map.insert_return_iterator_bool(20 + 256, 0);
   EXPECT_EQ(map.slot(20).uint_home_count, 3u);
@@ -324,66 +238,18 @@ TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
   map.erase(map.find(20 + 256));
   EXPECT_EQ(map.slot(20).uint_home_count, 1u);
   EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
-  EXPECT_EQ(map.find_offset(20), not_found_of(map));
   EXPECT_EQ(map.find_offset(20 + 256), not_found_of(map));
-  EXPECT_TRUE(map.empty());
 
-  // An empty table grows in place: the old slots keep their home records.
+  // An empty table grows in place, keeping the stale records; a table with keys is rebuilt
+  // with the counts of the keys placed.
   map.reserve(512);
-  EXPECT_EQ(map.bucket_count(), 512u);
-  EXPECT_EQ(map.d_uint_max_data_count, 358u);
   EXPECT_EQ(map.slot(20).uint_home_count, 1u);
   EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
-  EXPECT_EQ(map.slot(300).uint_home_count, 0u);
-  EXPECT_TRUE(map.insert_return_iterator_bool(20, 5).second);
-  EXPECT_EQ(map.find(20)->value, 5u);
-  check_invariants<Identity_hash>(map);
-
-  // A table with keys is rebuilt: the counts are those of the keys placed, nothing stale.
   map.insert_return_iterator_bool(20 + 512, 6);
-  map.erase(map.find(20));
-  EXPECT_EQ(map.slot(20).uint_home_count, 2u) << "the home's limit is 2, so its count goes down";
   map.reserve(1024);
   EXPECT_EQ(map.slot(20).uint_home_count, 0u);
   EXPECT_EQ(map.slot(20).uint_probe_limit, 0u);
-  EXPECT_EQ(map.find_offset(20 + 512), 532u);
   EXPECT_EQ(map.slot(532).uint_home_count, 1u);
-  EXPECT_EQ(map.slot(532).uint_probe_limit, 1u);
-  check_invariants<Identity_hash>(map);
-}
-
-TYPED_TEST(MapTest, IterationIsInSlotOrder) {
-  TypeParam map;
-  for (unsigned long key : {200ul, 9ul, 3ul, 9ul + 256, 100ul}) map.insert_return_iterator_bool(key, key + 1);
-  std::vector<unsigned long> keys;
-  for (auto it = map.begin(); it != map.end(); ++it) {
-    keys.push_back(it->key);
-    EXPECT_EQ(it->value, it->key + 1);
-  }
-  EXPECT_EQ(keys, (std::vector<unsigned long>{3, 9, 9 + 256, 100, 200}));
-}
-
-TYPED_TEST(MapTest, ReserveTakesABucketCountAndNeverShrinks) {
-  TypeParam map;
-  map.insert_return_iterator_bool(1, 1);
-  map.reserve(100);
-  EXPECT_EQ(map.bucket_count(), 256u);
-  map.reserve(256);
-  EXPECT_EQ(map.bucket_count(), 256u);
-  map.reserve(300);
-  EXPECT_EQ(map.bucket_count(), 512u);
-  EXPECT_EQ(map.d_uint_max_data_count, 358u);
-  EXPECT_EQ(map.find(1)->value, 1u);
-  EXPECT_EQ(map.get_vt_resize_size(0), 256u);
-  EXPECT_EQ(map.get_vt_resize_size(513), 1024u);
-  EXPECT_EQ(map.get_vt_resize_size(67108864), 67108864u);
-
-  for (unsigned long key = 2; key <= 2000; ++key) map.insert_return_iterator_bool(key, key);
-  ASSERT_EQ(map.data_count, 2000u);
-  EXPECT_EQ(map.bucket_count(), 4096u) << "2000 keys pass the limit of 2048 buckets (1432)";
-  EXPECT_EQ(map.get_vt_resize_size(1000), 2048u) << "the key count, not the request, sets the floor";
-  map.reserve(1000);
-  EXPECT_EQ(map.bucket_count(), 4096u);
   check_invariants<Identity_hash>(map);
 }
 
@@ -391,28 +257,22 @@ TEST(MapAllocation, TheConstructorAllocatesAndInsertsAllocateOnlyOnGrowth) {
   g_counters = Counters();
   {
     Allocator_map map;
-    EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 1);
     for (unsigned long key = 0; key < 179; ++key) map.insert_return_iterator_bool(key, key);
     EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 1);
-    EXPECT_EQ(g_counters.frees, 0);
     map.insert_return_iterator_bool(179, 179);
     EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 2) << "one new array";
     EXPECT_EQ(g_counters.frees, 1) << "the old array goes back to the policy";
-    map.erase(map.find(3));
-    map.insert_return_iterator_bool(3, 3);
-    EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 2);
   }
   EXPECT_EQ(g_counters.frees, 2) << "the map's array is released with it";
 }
 
-TEST(MapMessages, EraseThroughEndWritesTheMessageAndGoesOn) {
+TEST(MapMessages, EraseThroughABadIteratorWritesTheMessageAndGoesOn) {
   Allocator_map map;
   map.insert_return_iterator_bool(7, 7);
   testing::internal::CaptureStderr();
   auto result = map.erase(map.end());
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_TRUE(result == map.end());
-  EXPECT_EQ(result.uint_offset, 256u);
   EXPECT_EQ(map.size(), 1u);
   EXPECT_TRUE(::testing::internal::RE::FullMatch(
       err, escape_regex("Error: unordered_map_allocator::erase() bad C++ code. uint_offset >= d_vt_st_wrap.size(). "
@@ -420,20 +280,9 @@ TEST(MapMessages, EraseThroughEndWritesTheMessageAndGoesOn) {
                "[0-9]+" + escape_regex(", Func=erase\r\n")))
       << err;
 
-  Plain_map plain;
-  testing::internal::CaptureStderr();
-  auto plain_result = plain.erase(typename Plain_map::iterator{&plain, 1000});
-  err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(plain_result == plain.end());
-  EXPECT_EQ(err.rfind("Error: unordered_map_allocator::erase() bad C++ code. uint_offset >= d_vt_st_wrap.size(). "
-                      "uint_offset=1000, d_vt_st_wrap.size()=256, File=",
-                      0),
-            0u)
-      << err;
-  EXPECT_EQ(err.substr(err.size() - 14), ", Func=erase\r\n") << err;
 }
 
-TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAborts) {
+TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
   Allocator_map map;
   EXPECT_DEATH(map.reserve(67108865),
                escape_regex("Error: unordered_map_allocator::get_vt_resize_size() ulong_out too big. "
@@ -444,113 +293,48 @@ TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAborts) {
   EXPECT_DEATH(map.get_vt_resize_size(0xFFFFFFFFu),
                escape_regex("ulong_out=4294967296, max_bucket_count=67108864, uint_in=4294967295, "));
   Plain_map plain;
-  EXPECT_DEATH(plain.reserve(100000000),
-               escape_regex("Error: unordered_map_allocator::get_vt_resize_size() ulong_out too big. "
-                            "ulong_out=134217728, max_bucket_count=67108864, uint_in=100000000, File="));
-}
+  EXPECT_DEATH(plain.reserve(100000000), escape_regex("ulong_out=134217728, max_bucket_count=67108864, uint_in=100000000, "));
 
-TEST(MapMessagesDeathTest, ACountThatDisagreesWithTheSlotsAbortsTheRebuild) {
-  Allocator_map map;
-  for (unsigned long key : {1ul, 2ul, 3ul}) map.insert_return_iterator_bool(key, key);
+  // A count that disagrees with the slots aborts the rebuild.
+  for (unsigned long key : {1ul, 2ul, 3ul}) {
+    map.insert_return_iterator_bool(key, key);
+    plain.insert_return_iterator_bool(key, key);
+  }
   map.data_count = 5;
   EXPECT_DEATH(map.inner_rehash(512),
                escape_regex("Error: unordered_map_allocator::copy_vt_data_move() find bug. count=3, data_count=5\r\n"));
-  Plain_map plain;
-  for (unsigned long key : {1ul, 2ul, 3ul}) plain.insert_return_iterator_bool(key, key);
   plain.data_count = 2;
   EXPECT_DEATH(plain.inner_rehash(512),
                escape_regex("Error: unordered_map::copy_from_vt_data_move() find bug. count=3, data_count=2\r\n"));
-}
-
-TEST(MapSlot, FieldsInOrderZeroDefaultAndUpdateMove) {
-  using Wrap = Struct_unordered_map_wrap<unsigned long, void*>;
-  static_assert(offsetof(Wrap, key) < offsetof(Wrap, value), "field order");
-  static_assert(offsetof(Wrap, value) < offsetof(Wrap, uint_hash), "field order");
-  static_assert(offsetof(Wrap, uint_hash) < offsetof(Wrap, uint_probe_limit), "field order");
-  static_assert(offsetof(Wrap, uint_probe_limit) < offsetof(Wrap, uint_home_count), "field order");
-  static_assert(offsetof(Wrap, uint_home_count) < offsetof(Wrap, bool_used), "field order");
-  static_assert(sizeof(Wrap().uint_hash) == 4 && sizeof(Wrap().uint_probe_limit) == 4 && sizeof(Wrap().uint_home_count) == 4,
-                "32-bit home records");
-  EXPECT_TRUE(is_default_all_zero(Wrap())) << "a free slot may be made by zero-filling";
-  Wrap wrap;
-  EXPECT_EQ(wrap.key, 0u);
-  EXPECT_EQ(wrap.value, nullptr);
-  EXPECT_EQ(wrap.uint_hash, 0u);
-  EXPECT_EQ(wrap.uint_probe_limit, 0u);
-  EXPECT_EQ(wrap.uint_home_count, 0u);
-  EXPECT_FALSE(wrap.bool_used);
-
-  // update_move: key moved in, value swapped in and the old one released.
-  Struct_unordered_map_wrap<std::string, std::shared_ptr<int>> owner;
-  auto old_value = std::make_shared<int>(1);
-  owner.value = old_value;
-  owner.uint_probe_limit = 4;
-  owner.uint_home_count = 2;
-  ASSERT_EQ(old_value.use_count(), 2);
-  std::string key(100, 'k');
-  auto new_value = std::make_shared<int>(2);
-  std::shared_ptr<int> moved_in = new_value;
-  owner.update_move(key, moved_in, 0xABCDu);
-  EXPECT_EQ(owner.key, std::string(100, 'k'));
-  EXPECT_EQ(owner.value, new_value);
-  EXPECT_EQ(moved_in, nullptr) << "the caller's value was moved in";
-  EXPECT_EQ(old_value.use_count(), 1) << "the value swapped out is released";
-  EXPECT_EQ(owner.uint_hash, 0xABCDu);
-  EXPECT_TRUE(owner.bool_used);
-  EXPECT_EQ(owner.uint_probe_limit, 4u) << "the slot's home records are not the key's business";
-  EXPECT_EQ(owner.uint_home_count, 2u);
-}
-
-TEST(MapLibraryHashes, FindWithHashDiffersByFormOnRealInstantiations) {
-  unordered_map_allocator<unsigned long, unsigned long, Hash_thread_id, std::equal_to<unsigned long>, Counting_store> threads;
-  unordered_map_allocator<unsigned long, unsigned long, hash_crc32c<unsigned long>, std::equal_to<unsigned long>, Counting_store>
-      blocks;
-  unordered_map<unsigned long, unsigned long> plain;
-  const unsigned long self = static_cast<unsigned long>(pthread_self());
-  threads.insert_return_iterator_bool(self, 1);
-  blocks.insert_return_iterator_bool(0x7F0000200000ul, 2);
-  plain.insert_return_iterator_bool(12345, 3);
-  EXPECT_EQ(threads.find_offset(self), static_cast<unsigned int>(self + (self >> 12)) & 255u);
-  EXPECT_EQ(threads.find_with_hash(self + 1, Hash_thread_id()(self + 1)), 0xFFFFFFFFu);
-  EXPECT_EQ(blocks.find_offset(0x7F0000200000ul), g_crc32c.value32_ulong(0x7F0000200000ul) & 255u);
-  EXPECT_EQ(blocks.find_with_hash(0x7F0000400000ul, g_crc32c.value32_ulong(0x7F0000400000ul)), 0xFFFFFFFFu);
-  EXPECT_EQ(plain.find_with_hash(54321, static_cast<unsigned int>(hash<unsigned long>()(54321))), 256u);
-  EXPECT_EQ(plain.find(12345)->value, 3u);
 }
 
 // Random insert/find/erase runs against std::unordered_map. Keys come from a small range so
 // that duplicates, misses, erase and re-insert all happen often; the table grows through
 // several doublings and is checked whole at intervals.
 template <class Map, class H, class Value_of>
-void run_against_model(unsigned int seed, unsigned long key_range, int operations, Value_of value_of) {
+void run_against_model(unsigned int seed, unsigned long key_range, Value_of value_of) {
   using Value = decltype(value_of(0ul));
   SCOPED_TRACE("seed " + std::to_string(seed) + " (QUORLA_TEST_SEED reruns it)");
   std::mt19937_64 random(seed);
   Map map;
   std::unordered_map<unsigned long, Value> model;
   unsigned int max_buckets = 0;
-  for (int step = 0; step < operations; ++step) {
+  for (int step = 0; step < 20000; ++step) {
     unsigned long key = random() % key_range;
     unsigned int choice = static_cast<unsigned int>(random() % 10);
-    if (choice < 5) {
+    auto found = map.find(key);
+    auto expected = model.find(key);
+    ASSERT_EQ(found != map.end(), expected != model.end()) << "step " << step << " key " << key;
+    if (choice < 5) {  // insert
       Value value = value_of(random());
       auto result = map.insert_return_iterator_bool(key, value);
-      bool model_inserted = model.emplace(key, value).second;
-      ASSERT_EQ(result.second, model_inserted) << "step " << step << " key " << key;
+      ASSERT_EQ(result.second, model.emplace(key, value).second) << "step " << step << " key " << key;
       ASSERT_EQ(result.first->key, key);
       ASSERT_TRUE(result.first->value == model.at(key)) << "step " << step;
-    } else if (choice < 8) {
-      auto found = map.find(key);
-      auto expected = model.find(key);
-      ASSERT_EQ(found != map.end(), expected != model.end()) << "step " << step << " key " << key;
-      if (expected != model.end()) {
-        ASSERT_TRUE(found->value == expected->second) << "step " << step;
-      }
-    } else {
-      auto found = map.find(key);
-      bool present = model.erase(key) == 1;
-      ASSERT_EQ(found != map.end(), present) << "step " << step << " key " << key;
-      if (present) {
+    } else if (expected != model.end()) {  // find, and erase two times in five
+      ASSERT_TRUE(found->value == expected->second) << "step " << step;
+      if (choice >= 8) {
+        model.erase(expected);
         auto next = map.erase(found);
         ASSERT_TRUE(next == map.end() || next->bool_used);
         for (unsigned int i = found.uint_offset + 1; i < next.uint_offset; ++i) ASSERT_FALSE(map.slot(i).bool_used);
@@ -577,32 +361,23 @@ unsigned int test_seed() {
   return seed;
 }
 
-TEST(MapModel, ThreadIdHashOnTheAllocatorForm) {
-  using Map = unordered_map_allocator<unsigned long, unsigned long, Hash_thread_id, std::equal_to<unsigned long>, Counting_store>;
-  // Thread-id-like keys: page-aligned addresses with a common low part.
-  run_against_model<Map, Hash_thread_id>(test_seed(), 1500, 20000, [](unsigned long r) { return r; });
-}
+template <class H>
+using Library_map = unordered_map_allocator<unsigned long, unsigned long, H, std::equal_to<unsigned long>, Counting_store>;
 
-TEST(MapModel, CrcHashOnTheAllocatorFormWith2MBAlignedKeys) {
-  using Map = unordered_map_allocator<unsigned long, unsigned long, hash_crc32c<unsigned long>, std::equal_to<unsigned long>,
-                                      Counting_store>;
-  struct Aligned_keys {
-    size_t operator()(const unsigned long& key) const { return hash_crc32c<unsigned long>()(0x7F0000000000ul + (key << 21)); }
-  };
-  using Aligned_map = unordered_map_allocator<unsigned long, unsigned long, Aligned_keys, std::equal_to<unsigned long>,
-                                              Counting_store>;
-  run_against_model<Map, hash_crc32c<unsigned long>>(test_seed(), 1500, 20000, [](unsigned long r) { return r; });
-  run_against_model<Aligned_map, Aligned_keys>(test_seed() + 1, 1500, 20000, [](unsigned long r) { return r; });
-}
+// CRC of 2 MB aligned addresses, as the large-block map sees them.
+struct Aligned_keys {
+  size_t operator()(const unsigned long& key) const { return hash_crc32c<unsigned long>()(0x7F0000000000ul + (key << 21)); }
+};
 
-TEST(MapModel, ClusteredHomesAndStringValuesOnThePlainForm) {
+TEST(MapModel, RandomRunsAgainstStdUnorderedMap) {
+  auto same = [](unsigned long r) { return r; };
+  run_against_model<Library_map<Hash_thread_id>, Hash_thread_id>(test_seed(), 1500, same);
+  run_against_model<Library_map<Aligned_keys>, Aligned_keys>(test_seed() + 1, 1500, same);
   // Sixteen homes, so runs overlap, wrap past the last slot and keep stale limits.
-  using Map = unordered_map<unsigned long, std::string, Clustering_hash>;
-  run_against_model<Map, Clustering_hash>(test_seed() + 2, 1200, 20000,
-                                          [](unsigned long r) { return std::string(r % 40, static_cast<char>('a' + r % 26)); });
-  using Id_map = unordered_map<unsigned long, std::string, Identity_hash>;
-  run_against_model<Id_map, Identity_hash>(test_seed() + 3, 3000, 20000,
-                                           [](unsigned long r) { return std::to_string(r); });
+  run_against_model<unordered_map<unsigned long, std::string, Clustering_hash>, Clustering_hash>(
+      test_seed() + 2, 1200, [](unsigned long r) { return std::string(r % 40, static_cast<char>('a' + r % 26)); });
+  run_against_model<unordered_map<unsigned long, std::string, Identity_hash>, Identity_hash>(
+      test_seed() + 3, 3000, [](unsigned long r) { return std::to_string(r); });
 }
 
 }  // namespace
