@@ -10,6 +10,7 @@
 #include <map>
 #include <new>
 #include <random>
+#include <tuple>
 
 #include "foundation/quorla_pause.h"
 #include "os_memory/quorla_memory_settings.h"
@@ -55,86 +56,70 @@ class PagePieceTest : public ::testing::Test {
 
   unsigned long slot(unsigned int i) const { return piece->ar_ulong_page_slot()[i]; }
   unsigned char* page(unsigned int bit) const { return piece->ptr_byte_block + bit * k_page; }
+  // first_free_bit, next_free_bit and top_bit, checked together.
+  std::tuple<unsigned int, unsigned int, unsigned int> cursors() const {
+    return {piece->uint_first_free_bit, piece->uint_next_free_bit, piece->uint_top_bit};
+  }
+  static std::tuple<unsigned int, unsigned int, unsigned int> at(unsigned int first, unsigned int next,
+                                                                 unsigned int top) {
+    return {first, next, top};
+  }
+  // The head page as a new (or emptied) piece has it: only bit 0 and slot 0 in use.
+  void expect_clean_head() const {
+    EXPECT_EQ(1u, piece->ptr_ulong[0]);
+    for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
+    EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
+    for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
+  }
 
   Piece_storage storage;
   Memory_bitmap_page_piece* piece = nullptr;
 };
 
-// ---------------------------------------------------------------------------------------
-// Construction and the single page
+// ---- the single page -------------------------------------------------------------------
 
-TEST_F(PagePieceTest, NewPieceOwnsAnAlignedRegionWithACleanHeadPage) {
-  ASSERT_NE(nullptr, piece->ptr_byte_block);
+TEST_F(PagePieceTest, OneBitTakesTheLowestPageAndReleaseLowersTheCursors) {
   EXPECT_EQ(0u, reinterpret_cast<unsigned long>(piece->ptr_byte_block) & (k_region - 1));
-  EXPECT_EQ(511u, piece->uint_free_bit);
   EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
-  EXPECT_EQ(0u, piece->uint_offset_normal);
-  EXPECT_EQ(0xFFFFFFFFu, piece->uint_offset_full);
-  EXPECT_EQ(nullptr, piece->ptr_page_group);
-  EXPECT_LE(piece->uchar_page_type, 1u);
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int i = 1; i < 8; ++i) EXPECT_EQ(0u, piece->ptr_ulong[i]) << "word " << i;
-  EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
-  // The pages themselves are usable memory.
-  page(511)[k_page - 1] = 0x5A;
-  EXPECT_EQ(0x5A, page(511)[k_page - 1]);
-}
-
-TEST_F(PagePieceTest, OneBitTakesLowestPagesAndReleaseLowersTheCursors) {
+  EXPECT_EQ(at(1, 1, 1), cursors());
+  expect_clean_head();
   EXPECT_EQ(page(1), piece->malloc_one_bit());
   EXPECT_EQ(1u, slot(1));
-  EXPECT_EQ(510u, piece->uint_free_bit);
   EXPECT_EQ(510u, piece->uint_max_free_bit);
-  EXPECT_EQ(2u, piece->uint_first_free_bit);
-  EXPECT_EQ(2u, piece->uint_next_free_bit);
-  EXPECT_EQ(2u, piece->uint_top_bit);
+  EXPECT_EQ(at(2, 2, 2), cursors());
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(3), piece->malloc_one_bit());
-
   piece->free_one_bit(2);
   EXPECT_EQ(509u, piece->uint_free_bit);
   EXPECT_EQ(509u, piece->uint_max_free_bit);
-  EXPECT_EQ(2u, piece->uint_first_free_bit);
-  EXPECT_EQ(2u, piece->uint_next_free_bit);
-  EXPECT_EQ(4u, piece->uint_top_bit) << "the high-water mark stays";
+  EXPECT_EQ(at(2, 2, 4), cursors()) << "the high-water mark stays";
   EXPECT_EQ(0u, slot(2));
   EXPECT_FALSE(bit_is_set(piece, 2));
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(4), piece->malloc_one_bit()) << "first_free_bit was 3, taken: scan finds 4";
 }
 
-TEST_F(PagePieceTest, OneBitScansForwardWhenTheHintIsTaken) {
+TEST_F(PagePieceTest, OneBitScansForwardFromAStaleHintAndFillsThePiece) {
   // Word 0 full; a stale (lower) hint must still give the first clear bit of word 1.
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
   piece->uint_first_free_bit = 1;
   EXPECT_EQ(page(64), piece->malloc_one_bit());
-  EXPECT_EQ(65u, piece->uint_first_free_bit);
-  EXPECT_EQ(65u, piece->uint_next_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit);
+  EXPECT_EQ(at(65, 65, 65), cursors());
   // A hint below a hole in the same word: the scan takes the hole.
   piece->free_one_bit(10);
   piece->uint_first_free_bit = 3;
   EXPECT_EQ(page(10), piece->malloc_one_bit());
   EXPECT_EQ(11u, piece->uint_first_free_bit);
   EXPECT_EQ(11u, piece->uint_next_free_bit) << "lowered to 10 by the release, raised past the take";
-}
-
-TEST_F(PagePieceTest, EveryPageCanBeTakenOnceSingly) {
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(page(i), piece->malloc_one_bit()) << i;
+  for (unsigned int i = 65; i < 512; ++i) ASSERT_EQ(page(i), piece->malloc_one_bit()) << i;
   EXPECT_EQ(0u, piece->uint_free_bit);
-  EXPECT_EQ(0u, piece->uint_max_free_bit);
   EXPECT_EQ(512u, piece->uint_top_bit);
   for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
   EXPECT_EQ(nullptr, piece->malloc_bit_size(1));
   EXPECT_EQ(0u, piece->uint_max_free_bit);
 }
 
-// ---------------------------------------------------------------------------------------
-// Unaligned runs
+// ---- unaligned runs --------------------------------------------------------------------
 
 TEST_F(PagePieceTest, RunsFromAnEmptyPieceStartAtPageOne) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(511));
@@ -142,38 +127,31 @@ TEST_F(PagePieceTest, RunsFromAnEmptyPieceStartAtPageOne) {
   EXPECT_EQ(511u, slot(1));
   for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
   piece->free_with_bit_size(511, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-
   ASSERT_EQ(page(1), piece->malloc_bit_size(64));
-  EXPECT_EQ(65u, piece->uint_next_free_bit);
-  EXPECT_EQ(65u, piece->uint_first_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit) << "the empty-piece take lowers the top bit";
+  EXPECT_EQ(at(65, 65, 65), cursors()) << "the empty-piece take lowers the top bit";
   EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(1u, piece->ptr_ulong[1]);
   piece->free_with_bit_size(64, 1);
-
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  EXPECT_EQ(64u, piece->uint_next_free_bit);
-  EXPECT_EQ(64u, piece->uint_first_free_bit);
+  EXPECT_EQ(at(64, 64, 65), cursors()) << "a shorter take leaves the high-water mark";
   EXPECT_EQ(448u, piece->uint_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit) << "a shorter take leaves the high-water mark";
 }
 
-TEST_F(PagePieceTest, ShortRunPastAWordEndMovesTheCursorWhenTheTailIsShort) {
+// A short run that does not fit before a word's end goes to the next word; the cursor
+// follows it only when the tail left behind is short.
+TEST_F(PagePieceTest, ShortRunCursorRules) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(60));
   EXPECT_EQ(61u, piece->uint_next_free_bit);
   ASSERT_EQ(page(64), piece->malloc_bit_size(10));
-  EXPECT_EQ(74u, piece->uint_next_free_bit);
-  EXPECT_EQ(61u, piece->uint_first_free_bit) << "a search take leaves first_free_bit";
-  EXPECT_EQ(74u, piece->uint_top_bit);
+  EXPECT_EQ(at(61, 74, 74), cursors()) << "a search take leaves first_free_bit";
   EXPECT_EQ(10u, slot(64));
   EXPECT_EQ(441u, piece->uint_free_bit);
-}
+  piece->free_with_bit_size(10, 64);
+  piece->free_with_bit_size(60, 1);
 
-TEST_F(PagePieceTest, ShortRunLeavesTheCursorBeforeALongTail) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(40));
   ASSERT_EQ(page(64), piece->malloc_bit_size(40));
-  EXPECT_EQ(41u, piece->uint_next_free_bit);
+  EXPECT_EQ(41u, piece->uint_next_free_bit) << "a long tail (41..63) keeps the cursor";
   ASSERT_EQ(page(41), piece->malloc_bit_size(20));
   EXPECT_EQ(61u, piece->uint_next_free_bit);
   EXPECT_EQ(61u, piece->uint_first_free_bit);
@@ -194,11 +172,8 @@ TEST_F(PagePieceTest, ShortRunSkipsCollisionsInsideAWord) {
 
 TEST_F(PagePieceTest, LongRunStartsAboveTheHighestSetBitNeverAtBitZero) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  EXPECT_EQ(64u, piece->uint_next_free_bit);
   ASSERT_EQ(page(65), piece->malloc_bit_size(64));
-  EXPECT_EQ(64u, piece->uint_next_free_bit) << "run did not start at the cursor";
-  EXPECT_EQ(64u, piece->uint_first_free_bit);
-  EXPECT_EQ(129u, piece->uint_top_bit);
+  EXPECT_EQ(at(64, 64, 129), cursors()) << "run did not start at the cursor";
   EXPECT_EQ(~1ULL, piece->ptr_ulong[1]);
   EXPECT_EQ(1u, piece->ptr_ulong[2]);
   // A word with bit 63 set is skipped; the next candidate is above word 2's bit 0.
@@ -221,30 +196,25 @@ TEST_F(PagePieceTest, FailureNeverWrapsAndLowersTheBoundUntilARelease) {
   EXPECT_EQ(199u, piece->uint_max_free_bit) << "a take only lowers the bound";
   EXPECT_EQ(nullptr, piece->malloc_bit_size(20));
   EXPECT_EQ(19u, piece->uint_max_free_bit);
-
   piece->free_one_bit(1);
   EXPECT_EQ(501u, piece->uint_max_free_bit);
   EXPECT_EQ(1u, piece->uint_next_free_bit);
   EXPECT_EQ(page(1), piece->malloc_bit_size(20));
 }
 
-// ---------------------------------------------------------------------------------------
-// Aligned runs
+// ---- aligned runs ----------------------------------------------------------------------
 
 TEST_F(PagePieceTest, AlignedShortRunIsPlacedAtAMultipleAndLeavesTheCursors) {
   ASSERT_EQ(page(8), piece->malloc_bit_size_align(8, 8));
   EXPECT_EQ(8u, slot(8));
   EXPECT_EQ(503u, piece->uint_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
+  EXPECT_EQ(at(1, 1, 1), cursors());
   ASSERT_EQ(page(16), piece->malloc_bit_size_align(8, 8));
   ASSERT_EQ(page(32), piece->malloc_bit_size_align(32, 32));
   // Offset 0 of a word is never tried: the next run of 32 at 32 goes to 96, not 64.
   ASSERT_EQ(page(96), piece->malloc_bit_size_align(32, 32));
-  // No word can hold 40 at 32: null, bound untouched.
   const unsigned int bound = piece->uint_max_free_bit;
-  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(40, 32));
+  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(40, 32));  // no word holds 40 at 32
   EXPECT_EQ(bound, piece->uint_max_free_bit);
 }
 
@@ -252,62 +222,40 @@ TEST_F(PagePieceTest, AlignedLongRunStartsAtAWordMultiple) {
   ASSERT_EQ(page(128), piece->malloc_bit_size_align(128, 128));
   EXPECT_EQ(128u, slot(128));
   EXPECT_EQ(383u, piece->uint_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[2]);
+  EXPECT_EQ(at(1, 1, 1), cursors());
   EXPECT_EQ(~0ULL, piece->ptr_ulong[3]);
   EXPECT_EQ(0u, piece->ptr_ulong[4]);
   ASSERT_EQ(page(256), piece->malloc_bit_size_align(128, 128));
   ASSERT_EQ(page(384), piece->malloc_bit_size_align(128, 128));
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(128, 128));
-  // Step 1: word 1 is the only all-clear word left.
-  ASSERT_EQ(page(64), piece->malloc_bit_size_align(64, 64));
+  ASSERT_EQ(page(64), piece->malloc_bit_size_align(64, 64));  // word 1: the only clear word left
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 64));
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 1024)) << "step above 7";
-}
-
-TEST_F(PagePieceTest, AlignedLongRunReachesTheLastWord) {
+  for (unsigned int w = 64; w < 512; w += 64) piece->free_with_bit_size(64, w);
   ASSERT_EQ(page(64), piece->malloc_bit_size_align(384, 64));  // words 1 to 6
-  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[7]);
+  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));  // and the last word
   EXPECT_EQ(63u, piece->uint_free_bit);
-  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 64));
 }
 
-// ---------------------------------------------------------------------------------------
-// Releases
+// ---- releases --------------------------------------------------------------------------
 
-TEST_F(PagePieceTest, LargeReleaseThatEmptiesResetsTheWholeHeadPage) {
-  ASSERT_EQ(page(1), piece->malloc_bit_size(300));
-  // A small-block piece overwrites the slots of the pages it took.
-  for (unsigned int i = 2; i <= 300; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
-  piece->free_with_bit_size(300, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-  EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(301u, piece->uint_top_bit) << "the high-water mark is kept";
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
-  EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
-}
-
-TEST_F(PagePieceTest, SmallerReleaseThatEmptiesClearsOnlyItsRun) {
-  ASSERT_EQ(page(1), piece->malloc_bit_size(255));
-  for (unsigned int i = 2; i <= 255; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
-  piece->free_with_bit_size(255, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-  EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
-  EXPECT_EQ(0u, slot(1));
-  EXPECT_EQ(0xABCDEF00ul + 2, slot(2)) << "only the run's first slot is cleared";
-  for (unsigned int i = 2; i <= 255; ++i) piece->ar_ulong_page_slot()[i] = 0;
-
-  // A 300-page release that leaves another block live takes the ordinary path.
+// A release of 256 pages or more that empties the piece resets the whole head page (a
+// small-block piece overwrote the slots of the pages it took); a smaller one clears only
+// the run's first slot; one that leaves a block live takes the ordinary path.
+TEST_F(PagePieceTest, ReleasesThatEmptyThePieceResetTheHeadPageOnlyWhenLarge) {
+  for (unsigned int size : {300u, 255u}) {
+    ASSERT_EQ(page(1), piece->malloc_bit_size(size));
+    for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
+    piece->free_with_bit_size(size, 1);
+    EXPECT_EQ(511u, piece->uint_free_bit);
+    EXPECT_EQ(511u, piece->uint_max_free_bit);
+    EXPECT_EQ(at(1, 1, size + 1), cursors()) << "the high-water mark is kept";
+    if (size < 256) {
+      EXPECT_EQ(0xABCDEF00ul + 2, slot(2)) << "only the run's first slot is cleared";
+      for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0;
+    }
+    expect_clean_head();
+  }
   ASSERT_EQ(page(1), piece->malloc_bit_size(300));
   ASSERT_EQ(page(301), piece->malloc_one_bit());
   piece->free_with_bit_size(300, 1);
@@ -323,55 +271,47 @@ TEST_F(PagePieceTest, ReleaseAcrossWordsClearsExactlyTheRun) {
   ASSERT_EQ(page(64), piece->malloc_one_bit());
   ASSERT_EQ(page(129), piece->malloc_one_bit());
   piece->free_with_bit_size(64, 65);
+  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(1ULL, piece->ptr_ulong[1]);
   EXPECT_EQ(2ULL, piece->ptr_ulong[2]);
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(65u, piece->uint_next_free_bit);
   EXPECT_EQ(65u, piece->uint_first_free_bit);
   EXPECT_EQ(0u, slot(65));
 }
 
-// ---------------------------------------------------------------------------------------
-// Region return and the background-thread request
+// ---- region return and the background-thread request -----------------------------------
 
-TEST(PagePieceRegionTest, EmptyPieceGivesItsRegionBack) {
-  Piece_storage storage;
-  const size_t mapped_before = g_locking_sizet_os_malloc_all_size;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  EXPECT_EQ(mapped_before + k_region, g_locking_sizet_os_malloc_all_size);
-  ASSERT_NE(nullptr, piece->malloc_bit_size(100));
-  piece->free_with_bit_size(100, 1);
-  const time_t clock_before = g_timet_millisecond_now_steady;
-  g_timet_millisecond_now_steady = 0;
-  piece->~Memory_bitmap_page_piece();
-  EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
-  EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
-  EXPECT_GE(g_timet_millisecond_now_steady, clock_before);
-}
-
-TEST(PagePieceRegionTest, EmptyPieceWritesTheRegionTagBeforeGivingItBack) {
-  // The mapping layer unmaps nothing for a page type it does not know (2), so the tag
-  // the destructor wrote can be read back here before the region is unmapped for real.
-  Piece_storage storage;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  unsigned char* region = piece->ptr_byte_block;
-  const unsigned char page_type = piece->uchar_page_type;
-  ASSERT_NE(nullptr, piece->malloc_bit_size(37));
-  piece->free_with_bit_size(37, 1);
-  piece->uchar_page_type = 2;
-  piece->ushort_numa_node = 0x1234;
-  const size_t mapped = g_locking_sizet_os_malloc_all_size;
-  piece->~Memory_bitmap_page_piece();
-  EXPECT_EQ(mapped, g_locking_sizet_os_malloc_all_size);
-  const Region_tag* tag = region_tag_of(region);
-  EXPECT_EQ(2u, tag->uchar_page_type);
-  EXPECT_EQ(0x1234u, tag->ushort_numa_node);
-  EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
-  EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
-  EXPECT_GT(tag->ulong_millisecond_release, 0u);
-  region_tag_of(region)->uchar_page_type = page_type;
-  os_free_map_size_2m(region);
-  EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
+// An empty piece writes the region tag (type, node, top bit, release time from the shared
+// clock) and gives the region back. A page type the mapping layer does not know (2) makes
+// the unmap a no-op, so the tag can be read back before the test unmaps the region.
+TEST(PagePieceRegionTest, EmptyPieceTagsAndGivesItsRegionBack) {
+  for (bool unknown_type : {false, true}) {
+    Piece_storage storage;
+    const size_t mapped_before = g_locking_sizet_os_malloc_all_size;
+    Memory_bitmap_page_piece* piece = make_piece(storage);
+    EXPECT_EQ(mapped_before + k_region, g_locking_sizet_os_malloc_all_size);
+    unsigned char* region = piece->ptr_byte_block;
+    const unsigned char page_type = piece->uchar_page_type;
+    ASSERT_NE(nullptr, piece->malloc_bit_size(37));
+    piece->free_with_bit_size(37, 1);
+    if (unknown_type) piece->uchar_page_type = 2;
+    piece->ushort_numa_node = 0x1234;
+    g_timet_millisecond_now_steady = 0;
+    piece->~Memory_bitmap_page_piece();
+    EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
+    if (!unknown_type) {
+      EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
+      continue;
+    }
+    const Region_tag* tag = region_tag_of(region);
+    EXPECT_EQ(2u, tag->uchar_page_type);
+    EXPECT_EQ(0x1234u, tag->ushort_numa_node);
+    EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
+    EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+    region_tag_of(region)->uchar_page_type = page_type;
+    os_free_map_size_2m(region);
+    EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
+  }
 }
 
 TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
@@ -394,40 +334,30 @@ TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
   EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
 }
 
-// Saves and restores the flags that decide on the background thread.
-class PagePieceBackgroundTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    saved_use = g_bool_memory_use_thread_background;
-    saved_enable = g_bool_memory_enable_thread_background;
-    saved_need = g_bool_memory_need_enable_thread_background;
-    saved_threshold = g_ulong_memory_size_use_thread_background_threshold;
-  }
-  void TearDown() override {
-    g_bool_memory_use_thread_background = saved_use;
-    g_bool_memory_enable_thread_background = saved_enable;
-    g_bool_memory_need_enable_thread_background = saved_need;
-    g_ulong_memory_size_use_thread_background_threshold = saved_threshold;
-  }
-  // Constructs and destroys a piece under the given flags; returns the request flag.
-  bool request_after_construction(bool use, bool enable, unsigned long threshold) {
-    g_bool_memory_use_thread_background = use;
-    g_bool_memory_enable_thread_background = enable;
-    g_ulong_memory_size_use_thread_background_threshold = threshold;
+TEST(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
+  const bool saved_use = g_bool_memory_use_thread_background, saved_enable = g_bool_memory_enable_thread_background,
+             saved_need = g_bool_memory_need_enable_thread_background;
+  const unsigned long saved_threshold = g_ulong_memory_size_use_thread_background_threshold;
+  struct Case {
+    bool bool_use, bool_enable;
+    unsigned long ulong_threshold;
+    bool bool_requested;
+    const char* ptr_why;
+  };
+  for (const Case& c : {Case{false, true, 0, true, "enough mapped"}, Case{false, true, ~0ul, false, "below the threshold"},
+                        Case{true, true, 0, false, "already running"}, Case{false, false, 0, false, "disabled"}}) {
+    g_bool_memory_use_thread_background = c.bool_use;
+    g_bool_memory_enable_thread_background = c.bool_enable;
+    g_ulong_memory_size_use_thread_background_threshold = c.ulong_threshold;
     g_bool_memory_need_enable_thread_background = false;
     Piece_storage storage;
     destroy_piece(make_piece(storage));
-    return g_bool_memory_need_enable_thread_background;
+    EXPECT_EQ(c.bool_requested, g_bool_memory_need_enable_thread_background) << c.ptr_why;
   }
-  bool saved_use = false, saved_enable = false, saved_need = false;
-  unsigned long saved_threshold = 0;
-};
-
-TEST_F(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
-  EXPECT_TRUE(request_after_construction(false, true, 0));
-  EXPECT_FALSE(request_after_construction(false, true, ~0ul)) << "below the threshold";
-  EXPECT_FALSE(request_after_construction(true, true, 0)) << "already running";
-  EXPECT_FALSE(request_after_construction(false, false, 0)) << "disabled";
+  g_bool_memory_use_thread_background = saved_use;
+  g_bool_memory_enable_thread_background = saved_enable;
+  g_bool_memory_need_enable_thread_background = saved_need;
+  g_ulong_memory_size_use_thread_background_threshold = saved_threshold;
 }
 
 // ---------------------------------------------------------------------------------------
