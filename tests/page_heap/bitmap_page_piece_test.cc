@@ -10,6 +10,8 @@
 #include <map>
 #include <new>
 #include <random>
+#include <string>
+#include <utility>
 #include <tuple>
 
 #include "foundation/quorla_pause.h"
@@ -360,57 +362,34 @@ TEST(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
   g_ulong_memory_size_use_thread_background_threshold = saved_threshold;
 }
 
-// ---------------------------------------------------------------------------------------
-// Randomised comparison against a plain model
-
-struct Live_run {
-  unsigned int size;
-  bool aligned;
-};
+// ---- randomised comparison against a plain model ---------------------------------------
 
 struct Model {
-  bool used[512];
-  std::map<unsigned int, Live_run> live;
-  Model() {
-    for (bool& u : used) u = false;
-    used[0] = true;
-  }
+  bool used[512] = {true};  // the head page
+  std::map<unsigned int, std::pair<unsigned int, bool>> live;  // first bit -> size, aligned
 };
 
 ::testing::AssertionResult piece_matches(const Memory_bitmap_page_piece* piece, const Model& model) {
-  unsigned int clear = 0;
-  unsigned int lowest_clear = 512;
+  unsigned int clear = 0, lowest_clear = 512;
   for (unsigned int p = 0; p < 512; ++p) {
-    if (bit_is_set(piece, p) != model.used[p])
-      return ::testing::AssertionFailure() << "bit " << p << " is " << bit_is_set(piece, p);
-    if (!model.used[p]) {
-      ++clear;
-      if (lowest_clear == 512) lowest_clear = p;
-    }
+    if (bit_is_set(piece, p) != model.used[p]) return ::testing::AssertionFailure() << "bit " << p << " differs";
+    if (!model.used[p] && clear++ == 0) lowest_clear = p;
   }
-  if (!bit_is_set(piece, 0)) return ::testing::AssertionFailure() << "head page bit clear";
   if (piece->uint_free_bit != clear)
     return ::testing::AssertionFailure() << "free_bit " << piece->uint_free_bit << " clear " << clear;
   if (lowest_clear < 512 && piece->uint_first_free_bit > lowest_clear)
-    return ::testing::AssertionFailure() << "first_free_bit " << piece->uint_first_free_bit
-                                         << " above lowest clear " << lowest_clear;
+    return ::testing::AssertionFailure() << "first_free_bit " << piece->uint_first_free_bit << " above " << lowest_clear;
   if (piece->uint_next_free_bit > 512 || piece->uint_first_free_bit > 512)
     return ::testing::AssertionFailure() << "cursor out of range";
   const unsigned long* slots = piece->ar_ulong_page_slot();
-  if (slots[0] != reinterpret_cast<unsigned long>(piece))
-    return ::testing::AssertionFailure() << "slot 0 lost the piece";
-  auto it = model.live.begin();
+  if (slots[0] != reinterpret_cast<unsigned long>(piece)) return ::testing::AssertionFailure() << "slot 0 lost the piece";
   for (unsigned int p = 1; p < 512; ++p) {
-    unsigned long expected = 0;
-    if (it != model.live.end() && it->first == p) {
-      expected = it->second.size;
-      if (!it->second.aligned && p + it->second.size > piece->uint_top_bit)
-        return ::testing::AssertionFailure() << "top_bit " << piece->uint_top_bit
-                                             << " below the end of run at " << p;
-      ++it;
-    }
+    auto it = model.live.find(p);
+    const unsigned long expected = it == model.live.end() ? 0 : it->second.first;
     if (slots[p] != expected)
       return ::testing::AssertionFailure() << "slot " << p << " is " << slots[p] << ", expected " << expected;
+    if (expected != 0 && !it->second.second && p + expected > piece->uint_top_bit)
+      return ::testing::AssertionFailure() << "top_bit " << piece->uint_top_bit << " below the end of run at " << p;
   }
   return ::testing::AssertionSuccess();
 }
@@ -418,58 +397,27 @@ struct Model {
 struct Snapshot {
   unsigned int free_bit, max_free_bit, first_free_bit, next_free_bit, top_bit;
   unsigned long long words[8];
-  explicit Snapshot(const Memory_bitmap_page_piece* piece)
-      : free_bit(piece->uint_free_bit),
-        max_free_bit(piece->uint_max_free_bit),
-        first_free_bit(piece->uint_first_free_bit),
-        next_free_bit(piece->uint_next_free_bit),
-        top_bit(piece->uint_top_bit) {
-    for (unsigned int i = 0; i < 8; ++i) words[i] = piece->ptr_ulong[i];
-  }
 };
-
-unsigned long long base_seed() {
-  const char* text = getenv("QUORLA_PAGE_PIECE_SEED");
-  if (text != nullptr && *text != 0) return strtoull(text, nullptr, 0);
-  return std::random_device{}() * 0x100000001ull ^ std::random_device{}();
+Snapshot snapshot(const Memory_bitmap_page_piece* piece) {
+  Snapshot snap{piece->uint_free_bit, piece->uint_max_free_bit, piece->uint_first_free_bit,
+                piece->uint_next_free_bit, piece->uint_top_bit, {}};
+  for (unsigned int i = 0; i < 8; ++i) snap.words[i] = piece->ptr_ulong[i];
+  return snap;
 }
 
-// One random sequence on a fresh piece. Returns through gtest assertions.
-struct Piece_guard {
-  Piece_storage storage;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  ~Piece_guard() { destroy_piece(piece); }
-};
-
-// How often each path was met, so that a generator that stops reaching one is noticed.
-enum Path : unsigned int {
-  k_one_bit,
-  k_short_at_cursor,
-  k_short_by_search,
-  k_long_empty_piece,
-  k_long_by_search,
-  k_aligned_short,
-  k_aligned_long,
-  k_failed_unaligned,
-  k_failed_aligned,
-  k_release_one_bit,
-  k_release_run,
-  k_release_reset,
-  k_path_count
-};
-const char* const k_path_names[k_path_count] = {
-    "one bit", "short at cursor", "short by search", "long in empty piece", "long by search",
-    "aligned short", "aligned long", "failed unaligned", "failed aligned", "release one bit",
-    "release run", "release with reset"};
-
 // Sequence profiles: mixed sizes; short runs only (the top bit then grows slowly); mostly
-// long runs.
+// long runs. Paths counts how often each path was met, so that a generator that stops
+// reaching one is noticed.
 enum Profile : unsigned int { k_mixed, k_short_only, k_long_heavy, k_profile_count };
 
 void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile profile,
-                         unsigned long (&paths)[k_path_count]) {
-  Piece_guard guard;
-  Memory_bitmap_page_piece* piece = guard.piece;
+                         std::map<std::string, unsigned long>& paths) {
+  Piece_storage storage;
+  Memory_bitmap_page_piece* piece = make_piece(storage);
+  struct Guard {
+    Memory_bitmap_page_piece* piece;
+    ~Guard() { destroy_piece(piece); }
+  } guard{piece};
   Model model;
   auto pick = [&](unsigned int low, unsigned int high) {
     return std::uniform_int_distribution<unsigned int>(low, high)(random);
@@ -478,86 +426,67 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     const unsigned int kind = pick(0, 99);
     if (profile == k_short_only) return kind < 60 ? pick(1, 16) : pick(17, 63);
     if (profile == k_long_heavy) return kind < 30 ? pick(1, 63) : pick(64, 300);
-    if (kind < 55) return pick(1, 16);
-    if (kind < 85) return pick(17, 63);
-    return pick(64, 511);
+    return kind < 55 ? pick(1, 16) : kind < 85 ? pick(17, 63) : pick(64, 511);
+  };
+  auto release = [&](std::map<unsigned int, std::pair<unsigned int, bool>>::iterator it, bool one_bit) {
+    const unsigned int bit = it->first, size = it->second.first;
+    if (one_bit) {
+      piece->free_one_bit(bit);
+      ++paths["release one bit"];
+    } else {
+      ++paths[size >= 256 && piece->uint_free_bit + size == 511 ? "release with reset" : "release run"];
+      piece->free_with_bit_size(size, bit);
+    }
+    for (unsigned int p = bit; p < bit + size; ++p) model.used[p] = false;
+    model.live.erase(it);
+    ASSERT_EQ(piece->uint_free_bit, piece->uint_max_free_bit) << "a release lifts the bound";
+    ASSERT_LE(piece->uint_first_free_bit, bit);
+    ASSERT_LE(piece->uint_next_free_bit, bit);
   };
   for (unsigned int step = 0; step < steps; ++step) {
     SCOPED_TRACE(::testing::Message() << "step " << step);
     // Release more often as the piece fills, and now and then empty it completely.
-    const unsigned int fill = 511 - piece->uint_free_bit;
-    const bool release = !model.live.empty() && pick(0, 510) < fill;
     if (!model.live.empty() && pick(0, 299) == 0) {
-      while (!model.live.empty()) {
-        auto it = model.live.begin();
-        const bool reset = it->second.size >= 256 && piece->uint_free_bit + it->second.size == 511;
-        ++paths[reset ? k_release_reset : k_release_run];
-        piece->free_with_bit_size(it->second.size, it->first);
-        for (unsigned int p = it->first; p < it->first + it->second.size; ++p) model.used[p] = false;
-        model.live.erase(it);
-      }
+      while (!model.live.empty()) ASSERT_NO_FATAL_FAILURE(release(model.live.begin(), false));
       ASSERT_EQ(511u, piece->uint_free_bit);
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
-    if (release) {
+    if (!model.live.empty() && pick(0, 510) < 511 - piece->uint_free_bit) {
       auto it = model.live.begin();
       std::advance(it, pick(0, static_cast<unsigned int>(model.live.size()) - 1));
-      const unsigned int bit = it->first;
-      const unsigned int size = it->second.size;
-      if (size == 1 && pick(0, 1) == 0) {
-        piece->free_one_bit(bit);
-        ++paths[k_release_one_bit];
-      } else {
-        const bool reset = size >= 256 && piece->uint_free_bit + size == 511;
-        piece->free_with_bit_size(size, bit);
-        ++paths[reset ? k_release_reset : k_release_run];
-      }
-      for (unsigned int p = bit; p < bit + size; ++p) model.used[p] = false;
-      model.live.erase(it);
-      ASSERT_EQ(piece->uint_free_bit, piece->uint_max_free_bit) << "a release lifts the bound";
-      ASSERT_LE(piece->uint_first_free_bit, bit);
-      ASSERT_LE(piece->uint_next_free_bit, bit);
+      ASSERT_NO_FATAL_FAILURE(release(it, it->second.first == 1 && pick(0, 1) == 0));
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
-
     const unsigned int kind = pick(0, 9);
-    unsigned int size = 1;
-    unsigned int align = 1;
-    bool aligned = false;
-    const Snapshot before(piece);
+    unsigned int size = 1, align = 1;
+    const bool aligned = kind >= 7;
+    const Snapshot before = snapshot(piece);
     unsigned char* result;
     if (kind < 3) {
       if (piece->uint_free_bit == 0) continue;
       result = piece->malloc_one_bit();
       ASSERT_NE(nullptr, result) << "one-bit take with free pages";
-    } else if (kind < 7) {
+    } else if (!aligned) {
       size = random_size();
       result = piece->malloc_bit_size(size);
     } else {
-      aligned = true;
-      if (profile == k_short_only || pick(0, 2) != 0) {
-        size = pick(1, 63);
-        // Placement is by in-word multiples, so alignments are powers of two (as callers
-        // form them); 64 can never be met by a short run and must fail.
-        align = 1u << pick(0, 6);
-      } else {
-        size = pick(64, 511);
-        align = 64 * pick(1, 8);
-      }
+      // Placement is by in-word multiples, so short alignments are powers of two (as callers
+      // form them); 64 can never be met by a short run and must fail.
+      const bool short_run = profile == k_short_only || pick(0, 2) != 0;
+      size = short_run ? pick(1, 63) : pick(64, 511);
+      align = short_run ? 1u << pick(0, 6) : 64 * pick(1, 8);
       result = piece->malloc_bit_size_align(size, align);
     }
     if (result == nullptr) {
-      ++paths[aligned ? k_failed_aligned : k_failed_unaligned];
+      ++paths[aligned ? "failed aligned" : "failed unaligned"];
       // A failed search takes nothing and moves nothing but the bound (unaligned only).
-      ASSERT_EQ(before.free_bit, piece->uint_free_bit);
-      ASSERT_EQ(before.first_free_bit, piece->uint_first_free_bit);
-      ASSERT_EQ(before.next_free_bit, piece->uint_next_free_bit);
-      ASSERT_EQ(before.top_bit, piece->uint_top_bit);
-      for (unsigned int i = 0; i < 8; ++i) ASSERT_EQ(before.words[i], piece->ptr_ulong[i]);
-      ASSERT_EQ(aligned ? before.max_free_bit : size - 1, piece->uint_max_free_bit)
-          << "size " << size << " align " << align;
+      const Snapshot after = snapshot(piece);
+      ASSERT_EQ(std::make_tuple(before.free_bit, before.first_free_bit, before.next_free_bit, before.top_bit),
+                std::make_tuple(after.free_bit, after.first_free_bit, after.next_free_bit, after.top_bit));
+      for (unsigned int i = 0; i < 8; ++i) ASSERT_EQ(before.words[i], after.words[i]);
+      ASSERT_EQ(aligned ? before.max_free_bit : size - 1, after.max_free_bit) << "size " << size << " align " << align;
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
@@ -571,42 +500,43 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
       ASSERT_EQ(before.next_free_bit, piece->uint_next_free_bit);
       ASSERT_EQ(before.top_bit, piece->uint_top_bit);
     }
-    if (size < 64) {
-      ASSERT_EQ(bit >> 6, (bit + size - 1) >> 6) << "short run crosses a word";
-    }
+    ASSERT_TRUE(size >= 64 || bit >> 6 == (bit + size - 1) >> 6) << "short run crosses a word at " << bit;
     for (unsigned int p = bit; p < bit + size; ++p) {
-      ASSERT_FALSE(model.used[p]) << "page " << p << " handed out twice (run at " << bit << ", size "
-                                  << size << ")";
+      ASSERT_FALSE(model.used[p]) << "page " << p << " handed out twice (run at " << bit << ", size " << size << ")";
       model.used[p] = true;
     }
-    model.live[bit] = Live_run{size, aligned};
+    model.live[bit] = {size, aligned};
     if (kind < 3) {
-      ++paths[k_one_bit];
+      ++paths["one bit"];
     } else if (aligned) {
-      ++paths[size < 64 ? k_aligned_short : k_aligned_long];
+      ++paths[size < 64 ? "aligned short" : "aligned long"];
     } else if (size < 64) {
-      ++paths[bit == before.next_free_bit ? k_short_at_cursor : k_short_by_search];
+      ++paths[bit == before.next_free_bit ? "short at cursor" : "short by search"];
     } else {
-      ++paths[before.free_bit == 511 ? k_long_empty_piece : k_long_by_search];
+      ++paths[before.free_bit == 511 ? "long in empty piece" : "long by search"];
     }
     ASSERT_TRUE(piece_matches(piece, model)) << "after taking " << size << " at " << bit;
   }
 }
 
 TEST(PagePieceModelTest, RandomSequencesAgreeWithAPlainModel) {
-  const unsigned long long seed = base_seed();
+  const char* text = getenv("QUORLA_PAGE_PIECE_SEED");
+  const unsigned long long seed = text != nullptr && *text != 0 ? strtoull(text, nullptr, 0)
+                                                                : std::random_device{}() * 0x100000001ull ^ std::random_device{}();
   printf("page piece model seed: %llu (replay with QUORLA_PAGE_PIECE_SEED=%llu)\n", seed, seed);
   SCOPED_TRACE(::testing::Message() << "QUORLA_PAGE_PIECE_SEED=" << seed);
   std::mt19937_64 random(seed);
-  unsigned long paths[k_path_count] = {};
+  std::map<std::string, unsigned long> paths;
   for (unsigned int sequence = 0; sequence < 12; ++sequence) {
     SCOPED_TRACE(::testing::Message() << "sequence " << sequence);
     run_random_sequence(random, 6000, static_cast<Profile>(sequence % k_profile_count), paths);
     if (::testing::Test::HasFatalFailure()) return;
   }
-  for (unsigned int i = 0; i < k_path_count; ++i) {
-    printf("  %-20s %lu\n", k_path_names[i], paths[i]);
-    EXPECT_GT(paths[i], 0u) << "no step reached: " << k_path_names[i];
+  for (const char* name : {"one bit", "short at cursor", "short by search", "long in empty piece", "long by search",
+                           "aligned short", "aligned long", "failed unaligned", "failed aligned", "release one bit",
+                           "release run", "release with reset"}) {
+    printf("  %-20s %lu\n", name, paths[name]);
+    EXPECT_GT(paths[name], 0u) << "no step reached: " << name;
   }
 }
 
