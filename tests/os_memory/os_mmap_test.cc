@@ -1,13 +1,14 @@
-// The mapping layer: exact counter arithmetic for every mapping shape, both outcomes of
-// the alignment trick (the kernel's address replaced through the test seam), realloc,
-// release by region tag, the failure and warning lines (built without allocating), and the
-// huge-page paths when the machine lets the test reserve huge pages.
+// The mapping layer: exact counters for every mapping shape, both outcomes of the alignment
+// trick (the kernel's address replaced through the test seam), realloc, release by region
+// tag, the failure and warning lines (built without allocating), and the huge-page paths when
+// the machine lets the test reserve huge pages.
 #include "os_memory/quorla_os_mmap.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,450 +28,291 @@ namespace {
 constexpr unsigned long k_page = 4096;
 constexpr unsigned long k_2m = 2097152;
 
-// True when every page of [ptr, ptr + size) is mapped.
-bool is_mapped(const void* ptr, unsigned long size) {
-  std::vector<unsigned char> vec(size / k_page + 1);
-  return mincore(const_cast<void*>(ptr), size, vec.data()) == 0;
+size_t mapped() { return g_locking_sizet_os_malloc_all_size; }
+unsigned int huge_count() { return g_locking_uint_os_malloc_hugepage2m_count; }
+unsigned long addr(const void* ptr) { return reinterpret_cast<unsigned long>(ptr); }
+unsigned char* bytes(void* ptr) { return static_cast<unsigned char*>(ptr); }
+void unmap_page(void* ptr, unsigned long size) {
+  unsigned long zero = 0;
+  EXPECT_EQ(os_realloc_mmap_page(ptr, size, zero), nullptr);
 }
+void release_region(void* region) { os_free_map_size_2m(bytes(region)); }
 
-// True when no page of [ptr, ptr + size) is mapped.
+// Resident pages of [ptr, ptr + size) (a page multiple, 8 MB at most); ~0 when a page is
+// not mapped. No allocation: it also runs where allocations are counted.
+unsigned long resident_pages(const void* ptr, unsigned long size) {
+  static unsigned char vec[2048];
+  if (size / k_page > sizeof(vec) || mincore(const_cast<void*>(ptr), size, vec) != 0) return ~0UL;
+  unsigned long count = 0;
+  for (unsigned long i = 0; i < size / k_page; ++i) count += vec[i] & 1;
+  return count;
+}
+bool is_mapped(const void* ptr, unsigned long size) { return resident_pages(ptr, size) != ~0UL; }
 bool is_unmapped(const void* ptr, unsigned long size) {
   unsigned char c;
   for (unsigned long off = 0; off < size; off += k_page) {
-    if (mincore(static_cast<unsigned char*>(const_cast<void*>(ptr)) + off, k_page, &c) == 0) return false;
-    if (errno != ENOMEM) return false;
+    if (mincore(bytes(const_cast<void*>(ptr)) + off, k_page, &c) == 0 || errno != ENOMEM) return false;
   }
   return true;
 }
 
-// Number of pages of [ptr, ptr + size) that are resident.
-unsigned long resident_pages(const void* ptr, unsigned long size) {
-  std::vector<unsigned char> vec(size / k_page);
-  if (mincore(const_cast<void*>(ptr), size, vec.data()) != 0) return ~0UL;
-  unsigned long count = 0;
-  for (unsigned char c : vec) count += c & 1;
-  return count;
-}
-
-// The kernel's default huge-page size in kB, 0 when /proc/meminfo does not say.
-unsigned long kernel_default_hugepage_kb() {
-  FILE* f = fopen("/proc/meminfo", "r");
-  if (f == nullptr) return 0;
+unsigned long read_number(const char* path, const char* format = "%lu") {
+  FILE* f = fopen(path, "r");
+  if (f == nullptr) return ~0UL;
+  unsigned long value = ~0UL;
   char line[256];
-  unsigned long kb = 0;
-  while (fgets(line, sizeof(line), f) != nullptr) {
-    if (sscanf(line, "Hugepagesize: %lu kB", &kb) == 1) break;
+  while (fgets(line, sizeof(line), f) != nullptr && sscanf(line, format, &value) != 1) {
   }
   fclose(f);
-  return kb;
+  return value;
 }
 
 // ---- the seam: a stand-in for the kernel's choice of address ----------------------------
 
 struct Fake_mmap_state {
-  unsigned long ulong_shift = 0;     // bytes by which the returned address misses alignment
+  unsigned long ulong_shift = 0;  // bytes by which the returned address misses alignment
   unsigned long ulong_alignment = k_2m;
   unsigned int uint_calls = 0;
   unsigned int uint_fail_before_success = 0;  // this many calls fail with ENOMEM first
-  bool bool_fail_always = false;
+  bool bool_fail_huge = false;                // every MAP_HUGETLB call fails with ENOMEM
   int int_last_flags = 0;
   unsigned long ulong_last_length = 0;
-  unsigned char* ptr_last = nullptr;  // address returned last
+  unsigned char* ptr_last = nullptr;     // address returned last
   unsigned char* ptr_aligned = nullptr;  // the aligned base below it
 };
 Fake_mmap_state g_fake;
 
-// Maps exactly [aligned + shift, aligned + shift + length) for real and returns its start,
-// so that the layer's own munmap calls work on real memory.
+// Maps exactly [aligned + shift, aligned + shift + length) for real, so that the layer's own
+// munmap calls work on real memory.
 void* fake_mmap(void*, size_t length, int prot, int flags, int fd, off_t offset) {
   ++g_fake.uint_calls;
   g_fake.int_last_flags = flags;
   g_fake.ulong_last_length = length;
-  if (g_fake.bool_fail_always || g_fake.uint_fail_before_success > 0) {
+  if (g_fake.uint_fail_before_success > 0 || (g_fake.bool_fail_huge && (flags & MAP_HUGETLB) != 0)) {
     if (g_fake.uint_fail_before_success > 0) --g_fake.uint_fail_before_success;
     errno = ENOMEM;
     return MAP_FAILED;
   }
-  unsigned long reserve = length + 2 * g_fake.ulong_alignment;
-  unsigned char* raw = static_cast<unsigned char*>(
-      ::mmap(nullptr, reserve, prot, flags & ~MAP_HUGETLB, fd, offset));
+  unsigned long a = g_fake.ulong_alignment, reserve = length + 2 * a;
+  unsigned char* raw = bytes(::mmap(nullptr, reserve, prot, flags & ~MAP_HUGETLB, fd, offset));
   if (raw == MAP_FAILED) return MAP_FAILED;
-  unsigned long a = g_fake.ulong_alignment;
-  unsigned char* aligned = reinterpret_cast<unsigned char*>(
-      (reinterpret_cast<unsigned long>(raw) + a - 1) & ~(a - 1));
-  unsigned char* start = aligned + g_fake.ulong_shift;
+  g_fake.ptr_aligned = reinterpret_cast<unsigned char*>((addr(raw) + a - 1) & ~(a - 1));
+  unsigned char* start = g_fake.ptr_aligned + g_fake.ulong_shift;
   if (start > raw) munmap(raw, static_cast<unsigned long>(start - raw));
   unsigned char* end = start + length;
   if (raw + reserve > end) munmap(end, static_cast<unsigned long>(raw + reserve - end));
-  g_fake.ptr_last = start;
-  g_fake.ptr_aligned = aligned;
-  return start;
+  return g_fake.ptr_last = start;
 }
 
-void* fail_always_mmap(void*, size_t, int, int, int, off_t) {
-  ++g_fake.uint_calls;
-  errno = ENOMEM;
-  return MAP_FAILED;
-}
-
-// Installs the fake for one test and restores everything the tests touch.
+// Restores the seam, the flags and the new handler the tests touch.
 class Os_mmap_test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_fake = Fake_mmap_state();
-    bool_prefault_saved_ = g_bool_memory_enable_page_prefault;
-    bool_use_2m_saved_ = g_bool_memory_use_hugepage2m;
-    bool_use_saved_ = g_bool_memory_use_hugepage;
-    bool_has_try_saved_ = g_bool_memory_has_try_use_hugepage2m;
-    handler_saved_ = std::get_new_handler();
-  }
+  void SetUp() override { g_fake = Fake_mmap_state(); }
   void TearDown() override {
     set_os_mmap_function_for_test(nullptr);
-    g_bool_memory_enable_page_prefault = bool_prefault_saved_;
-    g_bool_memory_use_hugepage2m = bool_use_2m_saved_;
-    g_bool_memory_use_hugepage = bool_use_saved_;
-    g_bool_memory_has_try_use_hugepage2m = bool_has_try_saved_;
+    g_bool_memory_enable_page_prefault = saved_[0];
+    g_bool_memory_use_hugepage2m = saved_[1];
+    g_bool_memory_use_hugepage = saved_[2];
+    g_bool_memory_has_try_use_hugepage2m = saved_[3];
     std::set_new_handler(handler_saved_);
   }
-  static void use_fake(unsigned long shift, unsigned long alignment = k_2m) {
+  static void use_fake(unsigned long shift, unsigned long alignment = k_2m, unsigned int fail_first = 0) {
+    g_fake = Fake_mmap_state();
     g_fake.ulong_shift = shift;
     g_fake.ulong_alignment = alignment;
+    g_fake.uint_fail_before_success = fail_first;
     set_os_mmap_function_for_test(&fake_mmap);
   }
-  // Gives a 2 MB region back the way the layer's users do.
-  static void release_region(void* region) { os_free_map_size_2m(static_cast<unsigned char*>(region)); }
+  static void use_failing() { use_fake(0, k_2m, ~0u); }
 
  private:
-  bool bool_prefault_saved_ = false;
-  bool bool_use_2m_saved_ = false;
-  bool bool_use_saved_ = false;
-  bool bool_has_try_saved_ = false;
-  std::new_handler handler_saved_ = nullptr;
+  bool saved_[4] = {g_bool_memory_enable_page_prefault, g_bool_memory_use_hugepage2m,
+                    g_bool_memory_use_hugepage, g_bool_memory_has_try_use_hugepage2m};
+  std::new_handler handler_saved_ = std::get_new_handler();
 };
 
-// ---- the alignment trick -----------------------------------------------------------------
+// ---- shapes, the alignment trick and prefault --------------------------------------------
 
-TEST_F(Os_mmap_test, Aligned2mKernelAddressGivesBackTheFirstHalfAndKeepsTheSecond) {
-  use_fake(0);
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(0));
-  EXPECT_EQ(g_fake.uint_calls, 1u);
-  EXPECT_EQ(g_fake.ulong_last_length, 2 * k_2m);
-  EXPECT_EQ(g_fake.int_last_flags & MAP_HUGETLB, 0);
-  // The mapping was aligned: its first 2 MB go back, the second half is the region.
-  EXPECT_EQ(region, g_fake.ptr_last + k_2m);
-  EXPECT_TRUE(is_unmapped(g_fake.ptr_last, k_2m));
-  EXPECT_TRUE(is_mapped(region, k_2m));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, k_2m);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(region) % k_2m, 0u);
-  release_region(region);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_TRUE(is_unmapped(region, k_2m));
+// An aligned block (or 2 MB region) is cut from size + alignment bytes: an aligned kernel
+// address gives back a whole alignment at the front and keeps what follows, a misaligned one
+// loses head and tail. Requests round up to pages; the real kernel gives the same shape.
+TEST_F(Os_mmap_test, AlignmentTrickBothOutcomesForRegionsAndBlocks) {
+  constexpr unsigned long k_real = ~0UL;
+  struct Shape {
+    bool bool_region;
+    unsigned long ulong_size, ulong_alignment;
+  };
+  for (Shape s : {Shape{true, k_2m, k_2m}, Shape{false, 3 * k_page, 16 * k_page}, Shape{false, 3 * k_2m, 4 * k_2m}}) {
+    for (unsigned long shift : {k_real, 0UL, 5 * k_page}) {
+      SCOPED_TRACE(std::to_string(s.ulong_alignment) + " shift " + std::to_string(shift));
+      if (shift != k_real) use_fake(shift, s.ulong_alignment);
+      size_t before = mapped();
+      unsigned char* ptr = bytes(s.bool_region ? os_malloc_mmap_page_2m_align(0)
+                                               : os_malloc_mmap_page_align(s.ulong_size - 100, s.ulong_alignment - 100));
+      EXPECT_EQ(addr(ptr) % s.ulong_alignment, 0u);
+      EXPECT_TRUE(is_mapped(ptr, s.ulong_size));
+      EXPECT_EQ(mapped() - before, s.ulong_size);
+      if (shift != k_real) {
+        EXPECT_EQ(g_fake.uint_calls, 1u);
+        EXPECT_EQ(g_fake.ulong_last_length, s.ulong_size + s.ulong_alignment);
+        EXPECT_EQ(g_fake.int_last_flags & MAP_HUGETLB, 0);
+        EXPECT_EQ(ptr, g_fake.ptr_aligned + s.ulong_alignment);
+        EXPECT_TRUE(is_unmapped(g_fake.ptr_last, s.ulong_alignment - shift));  // head
+        EXPECT_TRUE(shift == 0 || is_unmapped(ptr + s.ulong_size, shift));  // tail
+      }
+      s.bool_region ? release_region(ptr) : unmap_page(ptr, s.ulong_size);
+      EXPECT_TRUE(is_unmapped(ptr, s.ulong_size));
+      EXPECT_EQ(mapped(), before);
+    }
+    set_os_mmap_function_for_test(nullptr);
+  }
 }
 
-TEST_F(Os_mmap_test, Misaligned2mKernelAddressTrimsHeadAndTail) {
-  const unsigned long shift = 5 * k_page;
-  use_fake(shift);
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(0));
-  unsigned char* mapping = g_fake.ptr_last;
-  EXPECT_EQ(region, g_fake.ptr_aligned + k_2m);
-  EXPECT_EQ(region - mapping, static_cast<long>(k_2m - shift));
-  EXPECT_TRUE(is_unmapped(mapping, k_2m - shift));              // head
-  EXPECT_TRUE(is_mapped(region, k_2m));
-  EXPECT_TRUE(is_unmapped(region + k_2m, shift));                // tail
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, k_2m);
-  release_region(region);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-}
-
-TEST_F(Os_mmap_test, RegionOfOrdinaryPagesAlwaysSaysNodeZeroAndPrefaultsOnlyWhenSet) {
-  use_fake(k_page);
-  g_bool_memory_enable_page_prefault = false;
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(5));
-  const Region_tag* tag = region_tag_of(region);
-  EXPECT_EQ(tag->uchar_page_type, 0);
-  EXPECT_EQ(tag->ushort_numa_node, 0);
-  // Only the head page has been touched (by the tag).
-  EXPECT_EQ(resident_pages(region, k_2m), 1u);
-  release_region(region);
-
-  g_bool_memory_enable_page_prefault = true;
-  region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(3));
-  EXPECT_EQ(resident_pages(region, k_2m), 512u);
-  EXPECT_EQ(region_tag_of(region)->ushort_numa_node, 0);
-  release_region(region);
-}
-
-TEST_F(Os_mmap_test, RealKernel2mRegionIsAlignedAndCountedOnce) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(0));
-  EXPECT_EQ(reinterpret_cast<unsigned long>(region) % k_2m, 0u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, k_2m);
-  region[k_2m - 1] = 1;  // the whole region is writable
-  release_region(region);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-}
-
-TEST_F(Os_mmap_test, AnyAlignmentBothOutcomesRoundSizeAndAlignmentToPages) {
-  const unsigned long alignment = 65536;
-  // Aligned address: a whole alignment's worth is given back at the front, no tail.
-  use_fake(0, alignment);
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned char* ptr = static_cast<unsigned char*>(os_malloc_mmap_page_align(10000, alignment - 100));
-  EXPECT_EQ(g_fake.ulong_last_length, 12288u + alignment);  // both rounded to pages
-  EXPECT_EQ(ptr, g_fake.ptr_last + alignment);
-  EXPECT_TRUE(is_unmapped(g_fake.ptr_last, alignment));
-  EXPECT_TRUE(is_mapped(ptr, 12288));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 12288u);
-  unsigned long size = 0;
-  EXPECT_EQ(os_realloc_mmap_page(ptr, 12288, size), nullptr);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-
-  // Misaligned by three pages: head = alignment - 3 pages, tail = 3 pages after the block.
-  use_fake(3 * k_page, alignment);
-  ptr = static_cast<unsigned char*>(os_malloc_mmap_page_align(12288, alignment));
-  EXPECT_EQ(ptr, g_fake.ptr_aligned + alignment);
-  EXPECT_TRUE(is_unmapped(g_fake.ptr_last, alignment - 3 * k_page));
-  EXPECT_TRUE(is_mapped(ptr, 12288));
-  EXPECT_TRUE(is_unmapped(ptr + 12288, 3 * k_page));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 12288u);
-  size = 0;
-  os_realloc_mmap_page(ptr, 12288, size);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-
-  // The real kernel: aligned, counted once.
-  set_os_mmap_function_for_test(nullptr);
-  ptr = static_cast<unsigned char*>(os_malloc_mmap_page_align(3 * k_2m, 4 * k_2m));
-  EXPECT_EQ(reinterpret_cast<unsigned long>(ptr) % (4 * k_2m), 0u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 3 * k_2m);
-  size = 0;
-  os_realloc_mmap_page(ptr, 3 * k_2m, size);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-}
-
-TEST_F(Os_mmap_test, AlignedBlockPrefaultFollowsTheSetting) {
-  g_bool_memory_enable_page_prefault = true;
-  unsigned char* ptr = static_cast<unsigned char*>(os_malloc_mmap_page_align(8 * k_page, 8 * k_page));
-  EXPECT_EQ(resident_pages(ptr, 8 * k_page), 8u);
-  unsigned long size = 0;
-  os_realloc_mmap_page(ptr, 8 * k_page, size);
-  g_bool_memory_enable_page_prefault = false;
-  ptr = static_cast<unsigned char*>(os_malloc_mmap_page_align(8 * k_page, 8 * k_page));
-  EXPECT_EQ(resident_pages(ptr, 8 * k_page), 1u);
-  os_realloc_mmap_page(ptr, 8 * k_page, size);
+// Without prefault only the page the tag touched is resident. A region of ordinary pages
+// says node 0 whatever node it was asked for.
+TEST_F(Os_mmap_test, PrefaultFollowsTheSettingForEveryOrdinaryShape) {
+  for (bool prefault : {false, true}) {
+    SCOPED_TRACE(prefault);
+    g_bool_memory_enable_page_prefault = prefault;
+    unsigned char* region = bytes(os_malloc_mmap_page_2m_align(5));
+    EXPECT_EQ(region_tag_of(region)->uchar_page_type, 0);
+    EXPECT_EQ(region_tag_of(region)->ushort_numa_node, 0);
+    EXPECT_EQ(resident_pages(region, k_2m), prefault ? 512u : 1u);
+    release_region(region);
+    void* aligned = os_malloc_mmap_page_align(8 * k_page, 8 * k_page);
+    EXPECT_EQ(resident_pages(aligned, 8 * k_page), prefault ? 8u : 1u);
+    unmap_page(aligned, 8 * k_page);
+    unsigned long size = 16 * k_page;
+    void* page = os_malloc_mmap_page(size);
+    EXPECT_EQ(resident_pages(page, size), prefault ? 16u : 1u);
+    unmap_page(page, size);
+  }
 }
 
 // ---- page mappings and realloc -----------------------------------------------------------
 
-TEST_F(Os_mmap_test, PageMappingRoundsUpAndWritesTheSizeBack) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned long size = 1;
-  void* ptr = os_malloc_mmap_page(size);
-  EXPECT_EQ(size, k_page);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, k_page);
-  unsigned long size2 = 3 * k_page + 1;
-  void* ptr2 = os_malloc_mmap_page(size2);
-  EXPECT_EQ(size2, 4 * k_page);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 5 * k_page);
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, size, zero);
-  os_realloc_mmap_page(ptr2, size2, zero);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-}
-
-TEST_F(Os_mmap_test, PageMappingPrefaultFollowsTheSetting) {
-  g_bool_memory_enable_page_prefault = true;
-  unsigned long size = 16 * k_page;
-  void* ptr = os_malloc_mmap_page(size);
-  EXPECT_EQ(resident_pages(ptr, size), 16u);
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, size, zero);
-  g_bool_memory_enable_page_prefault = false;
-  ptr = os_malloc_mmap_page(size);
-  EXPECT_EQ(resident_pages(ptr, size), 1u);  // the tag touched the first page only
-  os_realloc_mmap_page(ptr, size, zero);
-}
-
-TEST_F(Os_mmap_test, ReallocShrinkKeepsTheFirstBytesMovesAndCountsExactly) {
-  unsigned long old_size = 3 * k_page;
-  unsigned char* old_ptr = static_cast<unsigned char*>(os_malloc_mmap_page(old_size));
-  for (unsigned long i = 0; i < old_size; ++i) old_ptr[i] = static_cast<unsigned char>(i * 7 + 1);
-  old_ptr[0] = 0xAB;  // not a tag: the copy must bring it along untouched
-  old_ptr[2] = 0xCD;
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned long new_size = 5000;
-  unsigned char* ptr = static_cast<unsigned char*>(os_realloc_mmap_page(old_ptr, old_size, new_size));
-  EXPECT_EQ(new_size, 2 * k_page);
-  EXPECT_NE(ptr, old_ptr);
-  EXPECT_TRUE(is_unmapped(old_ptr, old_size));
-  EXPECT_EQ(ptr[0], 0xAB);
-  EXPECT_EQ(ptr[2], 0xCD);
-  for (unsigned long i = 3; i < new_size; ++i) ASSERT_EQ(ptr[i], static_cast<unsigned char>(i * 7 + 1)) << i;
-  EXPECT_EQ(before - g_locking_sizet_os_malloc_all_size, k_page);
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, new_size, zero);
-}
-
-TEST_F(Os_mmap_test, ReallocGrowCopiesTheOldSizeAndRoundsTheOldSizeUp) {
-  unsigned long old_size = 2 * k_page;
-  unsigned char* old_ptr = static_cast<unsigned char*>(os_malloc_mmap_page(old_size));
-  memset(old_ptr, 0x5A, old_size);
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned long new_size = 5 * k_page - 10;
-  // The old size is given unrounded; the layer rounds it before unmapping.
-  unsigned char* ptr = static_cast<unsigned char*>(os_realloc_mmap_page(old_ptr, 2 * k_page - 100, new_size));
-  EXPECT_EQ(new_size, 5 * k_page);
-  for (unsigned long i = 0; i < 2 * k_page; ++i) ASSERT_EQ(ptr[i], 0x5A) << i;
-  for (unsigned long i = 2 * k_page; i < new_size; ++i) ASSERT_EQ(ptr[i], 0) << i;
-  EXPECT_TRUE(is_unmapped(old_ptr, old_size));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 3 * k_page);
-  unsigned long zero = 0;
-  EXPECT_EQ(os_realloc_mmap_page(ptr, new_size - 1, zero), nullptr);  // rounded up again
-  EXPECT_TRUE(is_unmapped(ptr, new_size));
-  EXPECT_EQ(before - g_locking_sizet_os_malloc_all_size, 2 * k_page);
-}
-
-TEST_F(Os_mmap_test, ReallocFromNothingIsAPageMapping) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned long size = 10;
-  void* ptr = os_realloc_mmap_page(nullptr, 12345, size);
-  ASSERT_NE(ptr, nullptr);
-  EXPECT_EQ(size, k_page);
-  unsigned long size2 = k_page + 1;
+// Sizes round up and are written back. Realloc from a null pointer or a zero old size is a
+// plain mapping; otherwise it maps anew, copies the smaller page-rounded size (byte 0 is data
+// here: no tag is written), unmaps the rounded old size and counts the difference.
+TEST_F(Os_mmap_test, PageMappingsAndReallocRoundUpCopyAndCountExactly) {
   unsigned char dummy = 0;
-  // A zero old size also means "nothing yet", whatever the pointer.
-  void* ptr2 = os_realloc_mmap_page(&dummy, 0, size2);
-  EXPECT_NE(ptr2, &dummy);
-  EXPECT_EQ(size2, 2 * k_page);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 3 * k_page);
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, size, zero);
-  os_realloc_mmap_page(ptr2, size2, zero);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
+  struct Case {
+    bool bool_malloc;
+    unsigned long ulong_old, ulong_old_given, ulong_asked, ulong_expected;  // old 0: nothing mapped
+  };
+  const Case cases[] = {{true, 0, 0, 1, k_page},
+                        {true, 0, 0, 3 * k_page + 1, 4 * k_page},
+                        {false, 0, 12345, 10, k_page},
+                        {false, 0, 0, k_page + 1, 2 * k_page},
+                        {false, 3 * k_page, 3 * k_page, 5000, 2 * k_page},
+                        {false, 2 * k_page, 2 * k_page - 100, 5 * k_page - 10, 5 * k_page}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.ulong_asked);
+    unsigned long old_size = c.ulong_old;
+    unsigned char* old_ptr = old_size == 0 ? (c.ulong_old_given == 0 ? &dummy : nullptr) : bytes(os_malloc_mmap_page(old_size));
+    for (unsigned long i = 0; i < old_size; ++i) old_ptr[i] = static_cast<unsigned char>(i * 7 + 1);
+    size_t before = mapped();
+    unsigned long size = c.ulong_asked;
+    unsigned char* ptr = bytes(c.bool_malloc ? os_malloc_mmap_page(size) : os_realloc_mmap_page(old_ptr, c.ulong_old_given, size));
+    ASSERT_TRUE(ptr != nullptr && ptr != &dummy);
+    EXPECT_EQ(size, c.ulong_expected);
+    EXPECT_EQ(static_cast<long>(mapped() - before), static_cast<long>(size - old_size));
+    EXPECT_TRUE(old_size == 0 || is_unmapped(old_ptr, old_size));
+    for (unsigned long i = 0; i < size; ++i) {
+      ASSERT_EQ(ptr[i], i < std::min(old_size, size) ? static_cast<unsigned char>(i * 7 + 1) : 0) << i;
+    }
+    unmap_page(ptr, size - 1);  // rounded up again
+    EXPECT_TRUE(is_unmapped(ptr, size));
+    EXPECT_EQ(mapped() + old_size, before);
+  }
 }
 
-// ---- release by region tag --------------------------------------------------------------
-
+// Byte 0 of the tag decides: 0 unmaps (seen above), 1 unmaps and drops the huge-page count,
+// anything else is left alone without a word.
 TEST_F(Os_mmap_test, RegionReleaseFollowsByteZeroOfTheTag) {
-  std::string captured;
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(0));
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned int huge_before = g_locking_uint_os_malloc_hugepage2m_count;
-
-  // Tag 2 (or anything not 0 or 1): nothing is unmapped and nothing is said.
+  unsigned char* region = bytes(os_malloc_mmap_page_2m_align(0));
+  size_t before = mapped();
+  unsigned int huge_before = huge_count();
   region[0] = 2;
   testing::internal::CaptureStderr();
-  os_free_map_size_2m(region);
-  captured = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(captured, "");
+  release_region(region);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_TRUE(is_mapped(region, k_2m));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
-
-  // Tag 1: the huge-page count drops by one as well. The region is ordinary pages here,
-  // which munmap does not mind; the count is the point.
-  region[0] = 1;
-  os_free_map_size_2m(region);
+  EXPECT_EQ(mapped(), before);
+  EXPECT_EQ(huge_count(), huge_before);
+  region[0] = 1;  // ordinary pages, which munmap does not mind; the count is the point
+  release_region(region);
   EXPECT_TRUE(is_unmapped(region, k_2m));
-  EXPECT_EQ(before - g_locking_sizet_os_malloc_all_size, k_2m);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before - 1);
+  EXPECT_EQ(before - mapped(), k_2m);
+  EXPECT_EQ(huge_count(), huge_before - 1);
   g_mutex_mmap.lock();
   ++g_locking_uint_os_malloc_hugepage2m_count;  // undo the borrowed decrement
   g_mutex_mmap.unlock();
-
-  // Tag 0: unmapped, count untouched.
-  region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(0));
-  before = g_locking_sizet_os_malloc_all_size;
-  EXPECT_EQ(region[0], 0);
-  os_free_map_size_2m(region);
-  EXPECT_TRUE(is_unmapped(region, k_2m));
-  EXPECT_EQ(before - g_locking_sizet_os_malloc_all_size, k_2m);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
 }
 
-// ---- failure lines ----------------------------------------------------------------------
+// ---- failures ---------------------------------------------------------------------------
 
-std::string mmap_failure_line(unsigned long size) {
-  return "Error: os_malloc_mmap_with_flag() failed. size=" + std::to_string(size) +
-         ", errno=12, strerror=" + strerror(ENOMEM) + "\r\n";
+void marking_text(const char* text) {
+  ssize_t ignored = write(2, text, strlen(text));
+  (void)ignored;
 }
+void marking_new_handler() { marking_text("<handler>"); }
 
-std::string regex_quote(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (strchr(".[]{}()*+?^$|\\", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
-}
-
-using Os_mmap_DeathTest = Os_mmap_test;
-
-TEST_F(Os_mmap_DeathTest, OrdinaryMappingFailureWithoutHandlerTerminates) {
-  EXPECT_DEATH(
-      {
-        std::set_new_handler(nullptr);
-        set_os_mmap_function_for_test(&fail_always_mmap);
-        unsigned long size = 5;
-        os_malloc_mmap_page(size);
-      },
-      "^" + regex_quote(mmap_failure_line(4096)) + "terminate called");
-}
-
-TEST_F(Os_mmap_test, FailureLineIsBuiltWithoutAllocatingAndTheHandlerRunsEightTimes) {
+// With a new handler the line and the handler come after each failed try: eight, then
+// std::terminate, or fewer when a retry succeeds (counted once). Without a handler the first
+// failure terminates. No path allocates.
+TEST_F(Os_mmap_test, MappingFailureLinesAreBuiltWithoutAllocating) {
   // The counter itself must see allocations, or a zero below would prove nothing.
-  malloc_call_counter::Child_outcome probe = malloc_call_counter::run_in_child([] {
-    void* (*volatile allocate)(size_t) = &malloc;
-    void* p = allocate(24);
-    free(p);
-  });
-  EXPECT_GE(probe.ulong_allocations, 1u);
-
-  malloc_call_counter::Child_outcome outcome = malloc_call_counter::run_in_child([] {
-    std::set_terminate(&malloc_call_counter::terminate_marker);
-    std::set_new_handler([] {
-      static const char k_mark[] = "<handler>";
-      ssize_t ignored = write(2, k_mark, sizeof(k_mark) - 1);
-      (void)ignored;
+  EXPECT_GE(malloc_call_counter::run_in_child([] {
+              void* (*volatile allocate)(size_t) = &malloc;
+              free(allocate(24));
+            }).ulong_allocations,
+            1u);
+  const std::string line = std::string("Error: os_malloc_mmap_with_flag() failed. size=12288, errno=12, strerror=") +
+                           strerror(ENOMEM) + "\r\n";
+  auto marked = [&line](int times) {
+    std::string text;
+    while (times-- > 0) text += line + "<handler>";
+    return text;
+  };
+  const int k_terminated = malloc_call_counter::k_int_terminate_exit_code;
+  struct Case {
+    bool bool_handler;
+    unsigned int uint_fail_first;
+    std::string str_expected;
+    int int_exit;
+  };
+  const Case cases[] = {{true, ~0u, marked(8) + "<terminate>", k_terminated},
+                        {false, ~0u, line + "<terminate>", k_terminated},
+                        {true, 3, marked(3) + "<counted once>", 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.str_expected);
+    malloc_call_counter::Child_outcome outcome = malloc_call_counter::run_in_child([&c] {
+      std::set_terminate(&malloc_call_counter::terminate_marker);
+      std::set_new_handler(c.bool_handler ? &marking_new_handler : nullptr);
+      use_fake(0, k_2m, c.uint_fail_first);
+      size_t before = mapped();
+      unsigned long size = 3 * k_page - 5;
+      os_malloc_mmap_page(size);
+      if (mapped() - before == 3 * k_page && g_fake.uint_calls == 4) marking_text("<counted once>");
     });
-    set_os_mmap_function_for_test(&fail_always_mmap);
-    unsigned long size = 3 * k_page;
-    os_malloc_mmap_page(size);
-  });
-  ASSERT_TRUE(WIFEXITED(outcome.int_status)) << outcome.str_stderr;
-  EXPECT_EQ(WEXITSTATUS(outcome.int_status), malloc_call_counter::k_int_terminate_exit_code);
-  std::string expected;
-  for (int i = 0; i < 8; ++i) expected += mmap_failure_line(3 * k_page) + "<handler>";
-  expected += "<terminate>";
-  EXPECT_EQ(outcome.str_stderr, expected);
-  EXPECT_EQ(outcome.ulong_allocations, 0u);
+    ASSERT_TRUE(WIFEXITED(outcome.int_status)) << outcome.str_stderr;
+    EXPECT_EQ(WEXITSTATUS(outcome.int_status), c.int_exit);
+    EXPECT_EQ(outcome.str_stderr, c.str_expected);
+    EXPECT_EQ(outcome.ulong_allocations, 0u);
+  }
 }
 
-TEST_F(Os_mmap_test, HandlerThatFreesMemoryLetsTheRetrySucceed) {
-  static unsigned int s_handler_calls;
-  s_handler_calls = 0;
-  use_fake(0);
-  g_fake.uint_fail_before_success = 3;
-  std::set_new_handler([] { ++s_handler_calls; });
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned long size = 2 * k_page;
-  testing::internal::CaptureStderr();
-  void* ptr = os_malloc_mmap_page(size);
-  std::string captured = testing::internal::GetCapturedStderr();
-  ASSERT_NE(ptr, nullptr);
-  EXPECT_EQ(g_fake.uint_calls, 4u);
-  EXPECT_EQ(s_handler_calls, 3u);
-  EXPECT_EQ(captured, mmap_failure_line(2 * k_page) + mmap_failure_line(2 * k_page) + mmap_failure_line(2 * k_page));
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 2 * k_page);  // counted once
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, size, zero);
-}
-
-TEST_F(Os_mmap_test, FailedHugePageMappingIsSilentAndUncounted) {
-  set_os_mmap_function_for_test(&fail_always_mmap);
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned int huge_before = g_locking_uint_os_malloc_hugepage2m_count;
+// Huge-page mappings fail quietly, once each, uncounted; the probe then fails and its result
+// overwrites the flags (only the forced form marks the probe as tried). A successful probe
+// maps and unmaps one huge page, unless the kernel's default huge page is not 2 MB.
+TEST_F(Os_mmap_test, FailedHugePageMappingsAreSilentAndTheProbeOverwritesTheFlags) {
+  use_failing();
+  size_t before = mapped();
+  unsigned int huge_before = huge_count();
+  g_bool_memory_use_hugepage2m = true;
+  g_bool_memory_use_hugepage = false;
+  g_bool_memory_has_try_use_hugepage2m = false;
   testing::internal::CaptureStderr();
   unsigned long size = 3 * k_2m - 1;
   EXPECT_EQ(os_malloc_hugepage2m(size), nullptr);
@@ -479,252 +321,172 @@ TEST_F(Os_mmap_test, FailedHugePageMappingIsSilentAndUncounted) {
   g_mutex_mmap.lock();
   EXPECT_EQ(os_malloc_mmap_with_flag(k_2m, MAP_HUGETLB), nullptr);
   g_mutex_mmap.unlock();
-  EXPECT_EQ(g_fake.uint_calls, 3u);  // one call each, no retry
-  EXPECT_FALSE(is_support_hugepage2m());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
-}
-
-TEST_F(Os_mmap_test, GoodProbeWithoutHugePagesSilentlyFallsBackToOrdinaryPages) {
-  // A probe that succeeded earlier, then no huge page available: every request tries
-  // MAP_HUGETLB, fails quietly and gets ordinary pages; the flag stays on.
-  g_bool_memory_use_hugepage2m = true;
-  static unsigned int s_huge_calls;
-  s_huge_calls = 0;
-  set_os_mmap_function_for_test([](void* addr, size_t length, int prot, int flags, int fd, off_t offset) -> void* {
-    if (flags & MAP_HUGETLB) {
-      ++s_huge_calls;
-      errno = ENOMEM;
-      return MAP_FAILED;
-    }
-    return ::mmap(addr, length, prot, flags, fd, offset);
-  });
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  testing::internal::CaptureStderr();
-  unsigned char* a = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
-  unsigned char* b = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(s_huge_calls, 2u);
-  EXPECT_TRUE(g_bool_memory_use_hugepage2m);
-  EXPECT_EQ(a[0], 0);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(a) % k_2m, 0u);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(b) % k_2m, 0u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 2 * k_2m);
-  release_region(a);
-  release_region(b);
-  // Without the flag the huge-page path is not even tried.
-  g_bool_memory_use_hugepage2m = false;
-  a = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
-  EXPECT_EQ(s_huge_calls, 2u);
-  release_region(a);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-}
-
-TEST_F(Os_mmap_test, ProbeResultOverwritesTheFlagsEitherWay) {
-  set_os_mmap_function_for_test(&fail_always_mmap);
-  g_bool_memory_use_hugepage2m = true;
-  g_bool_memory_use_hugepage = false;
-  g_bool_memory_has_try_use_hugepage2m = false;
-  size_t before = g_locking_sizet_os_malloc_all_size;
+  EXPECT_EQ(g_fake.uint_calls, 3u);  // no retry
   memory_try_enable_hugepage2m();
-  EXPECT_FALSE(g_bool_memory_use_hugepage2m);  // an earlier true is overwritten
-  EXPECT_FALSE(g_bool_memory_use_hugepage);
-  EXPECT_FALSE(g_bool_memory_has_try_use_hugepage2m);  // only the forced form marks it
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(mapped(), before);
+  EXPECT_EQ(huge_count(), huge_before);
+  EXPECT_FALSE(g_bool_memory_use_hugepage2m || g_bool_memory_use_hugepage || g_bool_memory_has_try_use_hugepage2m);
   memory_force_enable_hugepage2m();
   EXPECT_TRUE(g_bool_memory_has_try_use_hugepage2m);
   EXPECT_FALSE(g_bool_memory_use_hugepage2m);
 
-  // A successful probe, through the seam, counted in and out again.
-  // The probe refuses without mapping when the kernel's default huge page is not 2 MB.
   use_fake(0);
-  g_fake.uint_calls = 0;
   memory_try_enable_hugepage2m();
-  unsigned long default_kb = kernel_default_hugepage_kb();
-  bool supported = default_kb == 0 || default_kb == 2048;
+  unsigned long default_kb = read_number("/proc/meminfo", "Hugepagesize: %lu kB");
+  bool supported = default_kb == ~0UL || default_kb == 2048;
   EXPECT_EQ(g_fake.uint_calls, supported ? 1u : 0u);
   if (supported) {
     EXPECT_NE(g_fake.int_last_flags & MAP_HUGETLB, 0);
+    EXPECT_TRUE(is_unmapped(g_fake.ptr_last, k_2m));
   }
   EXPECT_EQ(g_bool_memory_use_hugepage2m, supported);
   EXPECT_EQ(g_bool_memory_use_hugepage, supported);
-  if (supported) {
-    EXPECT_TRUE(is_unmapped(g_fake.ptr_last, k_2m));
-  }
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  // use_hugepage is never cleared by a later failure.
-  set_os_mmap_function_for_test(&fail_always_mmap);
+  EXPECT_EQ(mapped(), before);
+  use_failing();
   memory_try_enable_hugepage2m();
   EXPECT_FALSE(g_bool_memory_use_hugepage2m);
-  EXPECT_EQ(g_bool_memory_use_hugepage, supported);
+  EXPECT_EQ(g_bool_memory_use_hugepage, supported);  // never cleared by a later failure
 }
 
-TEST_F(Os_mmap_test, FailedUnmapWarnsAndKeepsTheBytesCounted) {
+// After a good probe, with no huge page left, each region request tries MAP_HUGETLB, fails
+// quietly and gets ordinary pages; the flag stays on. Without the flag it is not even tried.
+TEST_F(Os_mmap_test, GoodProbeWithoutHugePagesSilentlyFallsBackToOrdinaryPages) {
+  size_t before = mapped();
+  for (bool use : {true, false}) {
+    use_fake(k_page);
+    g_fake.bool_fail_huge = true;
+    g_bool_memory_use_hugepage2m = use;
+    testing::internal::CaptureStderr();
+    unsigned char* region = bytes(os_malloc_map_align_2m_size_2m());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(g_fake.uint_calls, use ? 2u : 1u);
+    EXPECT_EQ(g_fake.int_last_flags & MAP_HUGETLB, 0);
+    EXPECT_EQ(g_bool_memory_use_hugepage2m, use);
+    EXPECT_EQ(region[0], 0);
+    EXPECT_EQ(addr(region) % k_2m, 0u);
+    EXPECT_EQ(mapped() - before, k_2m);
+    release_region(region);
+    EXPECT_EQ(mapped(), before);
+  }
+}
+
+// The warning is built without allocating; the call returns and the bytes stay counted.
+TEST_F(Os_mmap_test, FailedUnmapWarnsWithoutAllocatingAndKeepsTheBytesCounted) {
   unsigned long size = 2 * k_page;
-  unsigned char* ptr = static_cast<unsigned char*>(os_malloc_mmap_page(size));
-  size_t before = g_locking_sizet_os_malloc_all_size;
+  unsigned char* ptr = bytes(os_malloc_mmap_page(size));
   unsigned char* bad = ptr + 1;  // not page aligned: munmap refuses with EINVAL
   char hex[32];
-  snprintf(hex, sizeof(hex), "%016lx", reinterpret_cast<unsigned long>(bad));
-  std::string expected = std::string("Warn: os_free_unmap_without_lock() failed. ptr_void_in=") + hex +
-                         ", size=4096, errno=22, strerror=" + strerror(EINVAL) + "\r\n";
-  malloc_call_counter::Child_outcome outcome = malloc_call_counter::run_in_child([bad] {
+  snprintf(hex, sizeof(hex), "%016lx", addr(bad));
+  malloc_call_counter::Child_outcome outcome = malloc_call_counter::run_in_child([bad, ptr, size] {
+    size_t before = mapped();
     g_mutex_mmap.lock();
     os_free_unmap_without_lock(bad, 4096);
     g_mutex_mmap.unlock();
+    if (mapped() == before && is_mapped(ptr, size)) marking_text("<kept>");
   });
-  EXPECT_EQ(outcome.str_stderr, expected);
+  EXPECT_EQ(outcome.str_stderr, std::string("Warn: os_free_unmap_without_lock() failed. ptr_void_in=") + hex +
+                                    ", size=4096, errno=22, strerror=" + strerror(EINVAL) + "\r\n<kept>");
   EXPECT_EQ(outcome.ulong_allocations, 0u);
-  ASSERT_TRUE(WIFEXITED(outcome.int_status));
-  EXPECT_EQ(WEXITSTATUS(outcome.int_status), 0);  // returns normally
-
-  testing::internal::CaptureStderr();
-  g_mutex_mmap.lock();
-  os_free_unmap_without_lock(bad, 4096);
-  g_mutex_mmap.unlock();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_TRUE(is_mapped(ptr, size));
-  unsigned long zero = 0;
-  os_realloc_mmap_page(ptr, size, zero);
+  EXPECT_TRUE(WIFEXITED(outcome.int_status) && WEXITSTATUS(outcome.int_status) == 0);
+  unmap_page(ptr, size);
 }
 
 TEST_F(Os_mmap_test, CountersStayExactUnderConcurrentMappings) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
+  size_t before = mapped();
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < 200; ++i) {
         unsigned long size = static_cast<unsigned long>((t + 1) * (i % 5 + 1)) * 1000;
-        void* ptr = os_malloc_mmap_page(size);
-        unsigned long zero = 0;
-        os_realloc_mmap_page(ptr, size, zero);
+        unmap_page(os_malloc_mmap_page(size), size);
       }
     });
   }
   for (std::thread& th : threads) th.join();
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
+  EXPECT_EQ(mapped(), before);
 }
 
-// ---- real huge pages --------------------------------------------------------------------
+// ---- real huge pages, reserved for the test when it runs as root ------------------------
 
-unsigned long read_number(const char* path) {
-  FILE* f = fopen(path, "r");
-  if (f == nullptr) return ~0UL;
-  unsigned long value = ~0UL;
-  if (fscanf(f, "%lu", &value) != 1) value = ~0UL;
-  fclose(f);
-  return value;
-}
+constexpr const char* k_nr_hugepages = "/proc/sys/vm/nr_hugepages";
+constexpr const char* k_free_hugepages = "/sys/kernel/mm/hugepages/hugepages-2048kB/free_hugepages";
 
 bool write_number(const char* path, unsigned long value) {
   FILE* f = fopen(path, "w");
   if (f == nullptr) return false;
   bool ok = fprintf(f, "%lu\n", value) > 0;
-  ok = (fclose(f) == 0) && ok;
-  return ok;
+  return (fclose(f) == 0) && ok;
 }
 
-constexpr const char* k_nr_hugepages = "/proc/sys/vm/nr_hugepages";
-constexpr const char* k_free_hugepages = "/sys/kernel/mm/hugepages/hugepages-2048kB/free_hugepages";
-
-// Reserves four more 2 MB huge pages for the test and gives them back afterwards.
-class Os_mmap_hugepage_test : public Os_mmap_test {
- protected:
-  void SetUp() override {
-    Os_mmap_test::SetUp();
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to reserve huge pages in " << k_nr_hugepages;
-    ulong_saved_ = read_number(k_nr_hugepages);
-    if (ulong_saved_ == ~0UL) GTEST_SKIP() << "cannot read " << k_nr_hugepages;
-    if (read_number(k_free_hugepages) == ~0UL) GTEST_SKIP() << "no 2 MB huge-page pool on this kernel";
-    if (!write_number(k_nr_hugepages, ulong_saved_ + 4)) GTEST_SKIP() << "cannot write " << k_nr_hugepages;
-    bool_restore_ = true;
-    ulong_free_ = read_number(k_free_hugepages);
-    if (ulong_free_ < 4) GTEST_SKIP() << "the kernel could not reserve four 2 MB huge pages";
-  }
-  void TearDown() override {
-    if (bool_restore_) {
-      write_number(k_nr_hugepages, ulong_saved_);
-      EXPECT_EQ(read_number(k_nr_hugepages), ulong_saved_);
+// The probe leaves the counters as they were. Huge mappings are counted, tagged (the node cut
+// to 16 bits) and prefaulted; regions then take huge pages until none is free, and the next
+// one is ordinary pages, silently, with no back-off.
+TEST_F(Os_mmap_test, HugePagePathsCountTagPrefaultAndFallBackWhenTheyRunOut) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to reserve huge pages in " << k_nr_hugepages;
+  unsigned long saved = read_number(k_nr_hugepages);
+  if (saved == ~0UL || read_number(k_free_hugepages) == ~0UL) GTEST_SKIP() << "no 2 MB huge-page pool to reserve from";
+  if (!write_number(k_nr_hugepages, saved + 4)) GTEST_SKIP() << "cannot write " << k_nr_hugepages;
+  struct Restore {
+    unsigned long ulong_saved;
+    ~Restore() {
+      write_number(k_nr_hugepages, ulong_saved);
+      EXPECT_EQ(read_number(k_nr_hugepages), ulong_saved);
     }
-    Os_mmap_test::TearDown();
-  }
-  unsigned long ulong_free_ = 0;
-
- private:
-  unsigned long ulong_saved_ = 0;
-  bool bool_restore_ = false;
-};
-
-TEST_F(Os_mmap_hugepage_test, HugePageMappingsCountTagAndPrefault) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned int huge_before = g_locking_uint_os_malloc_hugepage2m_count;
+  } restore{saved};
+  if (read_number(k_free_hugepages) < 4) GTEST_SKIP() << "the kernel could not reserve four 2 MB huge pages";
+  size_t before = mapped();
+  unsigned int huge_before = huge_count();
+  unsigned long free_before = read_number(k_free_hugepages);
+  memory_force_enable_hugepage2m();
+  EXPECT_TRUE(g_bool_memory_use_hugepage2m && g_bool_memory_use_hugepage && g_bool_memory_has_try_use_hugepage2m);
+  EXPECT_EQ(mapped(), before);
+  EXPECT_EQ(huge_count(), huge_before);
 
   unsigned long size = k_2m + 1;
-  unsigned char* two = static_cast<unsigned char*>(os_malloc_hugepage2m(size));
+  unsigned char* two = bytes(os_malloc_hugepage2m(size));
   ASSERT_NE(two, nullptr);
   EXPECT_EQ(size, 2 * k_2m);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(two) % k_2m, 0u);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count - huge_before, 2u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 2 * k_2m);
+  EXPECT_EQ(addr(two) % k_2m, 0u);
+  EXPECT_EQ(huge_count() - huge_before, 2u);
+  EXPECT_EQ(mapped() - before, 2 * k_2m);
   EXPECT_EQ(region_tag_of(two)->uchar_page_type, 1);
   EXPECT_EQ(region_tag_of(two)->ushort_numa_node, 0);
-  // The tag touched the first page and the prefault the second: both are taken from the pool.
-  EXPECT_EQ(ulong_free_ - read_number(k_free_hugepages), 2u);
-
-  unsigned char* one = static_cast<unsigned char*>(os_malloc_hugepage2m_size_2m(0x12345));
+  // The tag touched the first page and the prefault the second: both left the pool.
+  EXPECT_EQ(free_before - read_number(k_free_hugepages), 2u);
+  unsigned char* one = bytes(os_malloc_hugepage2m_size_2m(0x12345));
   ASSERT_NE(one, nullptr);
   EXPECT_EQ(one[0], 1);
-  EXPECT_EQ(one[2], 0x45);  // the node, cut to 16 bits, little-endian in bytes 2 and 3
+  EXPECT_EQ(one[2], 0x45);  // little-endian in bytes 2 and 3
   EXPECT_EQ(one[3], 0x23);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count - huge_before, 3u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 3 * k_2m);
+  EXPECT_EQ(huge_count() - huge_before, 3u);
+  release_region(one);
+  EXPECT_EQ(huge_count() - huge_before, 2u);
+  EXPECT_EQ(mapped() - before, 2 * k_2m);
 
-  os_free_map_size_2m(one);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count - huge_before, 2u);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, 2 * k_2m);
-  g_mutex_mmap.lock();
-  g_locking_uint_os_malloc_hugepage2m_count -= 2;
-  os_free_unmap_without_lock(two, 2 * k_2m);
-  g_mutex_mmap.unlock();
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_EQ(read_number(k_free_hugepages), ulong_free_);
-}
-
-TEST_F(Os_mmap_hugepage_test, ProbeSucceedsLeavesCountersAndRegionsUseHugePagesUntilTheyRunOut) {
-  size_t before = g_locking_sizet_os_malloc_all_size;
-  unsigned int huge_before = g_locking_uint_os_malloc_hugepage2m_count;
-  EXPECT_TRUE(is_support_hugepage2m());
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
-
-  g_bool_memory_use_hugepage2m = false;
-  memory_force_enable_hugepage2m();
-  EXPECT_TRUE(g_bool_memory_use_hugepage2m);
-  EXPECT_TRUE(g_bool_memory_use_hugepage);
-  EXPECT_TRUE(g_bool_memory_has_try_use_hugepage2m);
-
-  // Take every free huge page, then one more region: ordinary pages, silently.
   std::vector<unsigned char*> regions;
   testing::internal::CaptureStderr();
   unsigned long available = read_number(k_free_hugepages);
   for (unsigned long i = 0; i < available; ++i) {
-    unsigned char* r = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
-    EXPECT_EQ(r[0], 1) << "region " << i;
-    regions.push_back(r);
+    regions.push_back(bytes(os_malloc_map_align_2m_size_2m()));
+    EXPECT_EQ(regions.back()[0], 1) << "region " << i;
   }
-  unsigned char* ordinary = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
+  unsigned char* ordinary = bytes(os_malloc_map_align_2m_size_2m());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(ordinary[0], 0);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(ordinary) % k_2m, 0u);
-  EXPECT_TRUE(g_bool_memory_use_hugepage2m);  // no back-off
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count - huge_before, available);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size - before, (available + 1) * k_2m);
-  for (unsigned char* r : regions) os_free_map_size_2m(r);
-  os_free_map_size_2m(ordinary);
-  EXPECT_EQ(g_locking_uint_os_malloc_hugepage2m_count, huge_before);
-  EXPECT_EQ(g_locking_sizet_os_malloc_all_size, before);
+  EXPECT_EQ(addr(ordinary) % k_2m, 0u);
+  EXPECT_TRUE(g_bool_memory_use_hugepage2m);
+  EXPECT_EQ(huge_count() - huge_before, 2 + available);
+  EXPECT_EQ(mapped() - before, (available + 3) * k_2m);
+  for (unsigned char* r : regions) release_region(r);
+  release_region(ordinary);
+  g_mutex_mmap.lock();
+  g_locking_uint_os_malloc_hugepage2m_count -= 2;
+  os_free_unmap_without_lock(two, 2 * k_2m);
+  g_mutex_mmap.unlock();
+  EXPECT_EQ(huge_count(), huge_before);
+  EXPECT_EQ(mapped(), before);
+  EXPECT_EQ(read_number(k_free_hugepages), free_before);
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <map>
 #include <new>
 #include <random>
+#include <string>
+#include <utility>
+#include <tuple>
 
 #include "foundation/quorla_pause.h"
 #include "os_memory/quorla_memory_settings.h"
@@ -55,86 +58,70 @@ class PagePieceTest : public ::testing::Test {
 
   unsigned long slot(unsigned int i) const { return piece->ar_ulong_page_slot()[i]; }
   unsigned char* page(unsigned int bit) const { return piece->ptr_byte_block + bit * k_page; }
+  // first_free_bit, next_free_bit and top_bit, checked together.
+  std::tuple<unsigned int, unsigned int, unsigned int> cursors() const {
+    return {piece->uint_first_free_bit, piece->uint_next_free_bit, piece->uint_top_bit};
+  }
+  static std::tuple<unsigned int, unsigned int, unsigned int> at(unsigned int first, unsigned int next,
+                                                                 unsigned int top) {
+    return {first, next, top};
+  }
+  // The head page as a new (or emptied) piece has it: only bit 0 and slot 0 in use.
+  void expect_clean_head() const {
+    EXPECT_EQ(1u, piece->ptr_ulong[0]);
+    for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
+    EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
+    for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
+  }
 
   Piece_storage storage;
   Memory_bitmap_page_piece* piece = nullptr;
 };
 
-// ---------------------------------------------------------------------------------------
-// Construction and the single page
+// ---- the single page -------------------------------------------------------------------
 
-TEST_F(PagePieceTest, NewPieceOwnsAnAlignedRegionWithACleanHeadPage) {
-  ASSERT_NE(nullptr, piece->ptr_byte_block);
+TEST_F(PagePieceTest, OneBitTakesTheLowestPageAndReleaseLowersTheCursors) {
   EXPECT_EQ(0u, reinterpret_cast<unsigned long>(piece->ptr_byte_block) & (k_region - 1));
-  EXPECT_EQ(511u, piece->uint_free_bit);
   EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
-  EXPECT_EQ(0u, piece->uint_offset_normal);
-  EXPECT_EQ(0xFFFFFFFFu, piece->uint_offset_full);
-  EXPECT_EQ(nullptr, piece->ptr_page_group);
-  EXPECT_LE(piece->uchar_page_type, 1u);
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int i = 1; i < 8; ++i) EXPECT_EQ(0u, piece->ptr_ulong[i]) << "word " << i;
-  EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
-  // The pages themselves are usable memory.
-  page(511)[k_page - 1] = 0x5A;
-  EXPECT_EQ(0x5A, page(511)[k_page - 1]);
-}
-
-TEST_F(PagePieceTest, OneBitTakesLowestPagesAndReleaseLowersTheCursors) {
+  EXPECT_EQ(at(1, 1, 1), cursors());
+  expect_clean_head();
   EXPECT_EQ(page(1), piece->malloc_one_bit());
   EXPECT_EQ(1u, slot(1));
-  EXPECT_EQ(510u, piece->uint_free_bit);
   EXPECT_EQ(510u, piece->uint_max_free_bit);
-  EXPECT_EQ(2u, piece->uint_first_free_bit);
-  EXPECT_EQ(2u, piece->uint_next_free_bit);
-  EXPECT_EQ(2u, piece->uint_top_bit);
+  EXPECT_EQ(at(2, 2, 2), cursors());
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(3), piece->malloc_one_bit());
-
   piece->free_one_bit(2);
   EXPECT_EQ(509u, piece->uint_free_bit);
   EXPECT_EQ(509u, piece->uint_max_free_bit);
-  EXPECT_EQ(2u, piece->uint_first_free_bit);
-  EXPECT_EQ(2u, piece->uint_next_free_bit);
-  EXPECT_EQ(4u, piece->uint_top_bit) << "the high-water mark stays";
+  EXPECT_EQ(at(2, 2, 4), cursors()) << "the high-water mark stays";
   EXPECT_EQ(0u, slot(2));
   EXPECT_FALSE(bit_is_set(piece, 2));
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(4), piece->malloc_one_bit()) << "first_free_bit was 3, taken: scan finds 4";
 }
 
-TEST_F(PagePieceTest, OneBitScansForwardWhenTheHintIsTaken) {
+TEST_F(PagePieceTest, OneBitScansForwardFromAStaleHintAndFillsThePiece) {
   // Word 0 full; a stale (lower) hint must still give the first clear bit of word 1.
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
   piece->uint_first_free_bit = 1;
   EXPECT_EQ(page(64), piece->malloc_one_bit());
-  EXPECT_EQ(65u, piece->uint_first_free_bit);
-  EXPECT_EQ(65u, piece->uint_next_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit);
+  EXPECT_EQ(at(65, 65, 65), cursors());
   // A hint below a hole in the same word: the scan takes the hole.
   piece->free_one_bit(10);
   piece->uint_first_free_bit = 3;
   EXPECT_EQ(page(10), piece->malloc_one_bit());
   EXPECT_EQ(11u, piece->uint_first_free_bit);
   EXPECT_EQ(11u, piece->uint_next_free_bit) << "lowered to 10 by the release, raised past the take";
-}
-
-TEST_F(PagePieceTest, EveryPageCanBeTakenOnceSingly) {
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(page(i), piece->malloc_one_bit()) << i;
+  for (unsigned int i = 65; i < 512; ++i) ASSERT_EQ(page(i), piece->malloc_one_bit()) << i;
   EXPECT_EQ(0u, piece->uint_free_bit);
-  EXPECT_EQ(0u, piece->uint_max_free_bit);
   EXPECT_EQ(512u, piece->uint_top_bit);
   for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
   EXPECT_EQ(nullptr, piece->malloc_bit_size(1));
   EXPECT_EQ(0u, piece->uint_max_free_bit);
 }
 
-// ---------------------------------------------------------------------------------------
-// Unaligned runs
+// ---- unaligned runs --------------------------------------------------------------------
 
 TEST_F(PagePieceTest, RunsFromAnEmptyPieceStartAtPageOne) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(511));
@@ -142,38 +129,31 @@ TEST_F(PagePieceTest, RunsFromAnEmptyPieceStartAtPageOne) {
   EXPECT_EQ(511u, slot(1));
   for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
   piece->free_with_bit_size(511, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-
   ASSERT_EQ(page(1), piece->malloc_bit_size(64));
-  EXPECT_EQ(65u, piece->uint_next_free_bit);
-  EXPECT_EQ(65u, piece->uint_first_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit) << "the empty-piece take lowers the top bit";
+  EXPECT_EQ(at(65, 65, 65), cursors()) << "the empty-piece take lowers the top bit";
   EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(1u, piece->ptr_ulong[1]);
   piece->free_with_bit_size(64, 1);
-
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  EXPECT_EQ(64u, piece->uint_next_free_bit);
-  EXPECT_EQ(64u, piece->uint_first_free_bit);
+  EXPECT_EQ(at(64, 64, 65), cursors()) << "a shorter take leaves the high-water mark";
   EXPECT_EQ(448u, piece->uint_free_bit);
-  EXPECT_EQ(65u, piece->uint_top_bit) << "a shorter take leaves the high-water mark";
 }
 
-TEST_F(PagePieceTest, ShortRunPastAWordEndMovesTheCursorWhenTheTailIsShort) {
+// A short run that does not fit before a word's end goes to the next word; the cursor
+// follows it only when the tail left behind is short.
+TEST_F(PagePieceTest, ShortRunCursorRules) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(60));
   EXPECT_EQ(61u, piece->uint_next_free_bit);
   ASSERT_EQ(page(64), piece->malloc_bit_size(10));
-  EXPECT_EQ(74u, piece->uint_next_free_bit);
-  EXPECT_EQ(61u, piece->uint_first_free_bit) << "a search take leaves first_free_bit";
-  EXPECT_EQ(74u, piece->uint_top_bit);
+  EXPECT_EQ(at(61, 74, 74), cursors()) << "a search take leaves first_free_bit";
   EXPECT_EQ(10u, slot(64));
   EXPECT_EQ(441u, piece->uint_free_bit);
-}
+  piece->free_with_bit_size(10, 64);
+  piece->free_with_bit_size(60, 1);
 
-TEST_F(PagePieceTest, ShortRunLeavesTheCursorBeforeALongTail) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(40));
   ASSERT_EQ(page(64), piece->malloc_bit_size(40));
-  EXPECT_EQ(41u, piece->uint_next_free_bit);
+  EXPECT_EQ(41u, piece->uint_next_free_bit) << "a long tail (41..63) keeps the cursor";
   ASSERT_EQ(page(41), piece->malloc_bit_size(20));
   EXPECT_EQ(61u, piece->uint_next_free_bit);
   EXPECT_EQ(61u, piece->uint_first_free_bit);
@@ -194,11 +174,8 @@ TEST_F(PagePieceTest, ShortRunSkipsCollisionsInsideAWord) {
 
 TEST_F(PagePieceTest, LongRunStartsAboveTheHighestSetBitNeverAtBitZero) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  EXPECT_EQ(64u, piece->uint_next_free_bit);
   ASSERT_EQ(page(65), piece->malloc_bit_size(64));
-  EXPECT_EQ(64u, piece->uint_next_free_bit) << "run did not start at the cursor";
-  EXPECT_EQ(64u, piece->uint_first_free_bit);
-  EXPECT_EQ(129u, piece->uint_top_bit);
+  EXPECT_EQ(at(64, 64, 129), cursors()) << "run did not start at the cursor";
   EXPECT_EQ(~1ULL, piece->ptr_ulong[1]);
   EXPECT_EQ(1u, piece->ptr_ulong[2]);
   // A word with bit 63 set is skipped; the next candidate is above word 2's bit 0.
@@ -221,30 +198,25 @@ TEST_F(PagePieceTest, FailureNeverWrapsAndLowersTheBoundUntilARelease) {
   EXPECT_EQ(199u, piece->uint_max_free_bit) << "a take only lowers the bound";
   EXPECT_EQ(nullptr, piece->malloc_bit_size(20));
   EXPECT_EQ(19u, piece->uint_max_free_bit);
-
   piece->free_one_bit(1);
   EXPECT_EQ(501u, piece->uint_max_free_bit);
   EXPECT_EQ(1u, piece->uint_next_free_bit);
   EXPECT_EQ(page(1), piece->malloc_bit_size(20));
 }
 
-// ---------------------------------------------------------------------------------------
-// Aligned runs
+// ---- aligned runs ----------------------------------------------------------------------
 
 TEST_F(PagePieceTest, AlignedShortRunIsPlacedAtAMultipleAndLeavesTheCursors) {
   ASSERT_EQ(page(8), piece->malloc_bit_size_align(8, 8));
   EXPECT_EQ(8u, slot(8));
   EXPECT_EQ(503u, piece->uint_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
+  EXPECT_EQ(at(1, 1, 1), cursors());
   ASSERT_EQ(page(16), piece->malloc_bit_size_align(8, 8));
   ASSERT_EQ(page(32), piece->malloc_bit_size_align(32, 32));
   // Offset 0 of a word is never tried: the next run of 32 at 32 goes to 96, not 64.
   ASSERT_EQ(page(96), piece->malloc_bit_size_align(32, 32));
-  // No word can hold 40 at 32: null, bound untouched.
   const unsigned int bound = piece->uint_max_free_bit;
-  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(40, 32));
+  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(40, 32));  // no word holds 40 at 32
   EXPECT_EQ(bound, piece->uint_max_free_bit);
 }
 
@@ -252,62 +224,40 @@ TEST_F(PagePieceTest, AlignedLongRunStartsAtAWordMultiple) {
   ASSERT_EQ(page(128), piece->malloc_bit_size_align(128, 128));
   EXPECT_EQ(128u, slot(128));
   EXPECT_EQ(383u, piece->uint_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->uint_top_bit);
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[2]);
+  EXPECT_EQ(at(1, 1, 1), cursors());
   EXPECT_EQ(~0ULL, piece->ptr_ulong[3]);
   EXPECT_EQ(0u, piece->ptr_ulong[4]);
   ASSERT_EQ(page(256), piece->malloc_bit_size_align(128, 128));
   ASSERT_EQ(page(384), piece->malloc_bit_size_align(128, 128));
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(128, 128));
-  // Step 1: word 1 is the only all-clear word left.
-  ASSERT_EQ(page(64), piece->malloc_bit_size_align(64, 64));
+  ASSERT_EQ(page(64), piece->malloc_bit_size_align(64, 64));  // word 1: the only clear word left
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 64));
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 1024)) << "step above 7";
-}
-
-TEST_F(PagePieceTest, AlignedLongRunReachesTheLastWord) {
+  for (unsigned int w = 64; w < 512; w += 64) piece->free_with_bit_size(64, w);
   ASSERT_EQ(page(64), piece->malloc_bit_size_align(384, 64));  // words 1 to 6
-  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[7]);
+  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));  // and the last word
   EXPECT_EQ(63u, piece->uint_free_bit);
-  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 64));
 }
 
-// ---------------------------------------------------------------------------------------
-// Releases
+// ---- releases --------------------------------------------------------------------------
 
-TEST_F(PagePieceTest, LargeReleaseThatEmptiesResetsTheWholeHeadPage) {
-  ASSERT_EQ(page(1), piece->malloc_bit_size(300));
-  // A small-block piece overwrites the slots of the pages it took.
-  for (unsigned int i = 2; i <= 300; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
-  piece->free_with_bit_size(300, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-  EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(301u, piece->uint_top_bit) << "the high-water mark is kept";
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
-  EXPECT_EQ(reinterpret_cast<unsigned long>(piece), slot(0));
-  for (unsigned int i = 1; i < 512; ++i) ASSERT_EQ(0u, slot(i)) << "slot " << i;
-}
-
-TEST_F(PagePieceTest, SmallerReleaseThatEmptiesClearsOnlyItsRun) {
-  ASSERT_EQ(page(1), piece->malloc_bit_size(255));
-  for (unsigned int i = 2; i <= 255; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
-  piece->free_with_bit_size(255, 1);
-  EXPECT_EQ(511u, piece->uint_free_bit);
-  EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_first_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
-  for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
-  EXPECT_EQ(0u, slot(1));
-  EXPECT_EQ(0xABCDEF00ul + 2, slot(2)) << "only the run's first slot is cleared";
-  for (unsigned int i = 2; i <= 255; ++i) piece->ar_ulong_page_slot()[i] = 0;
-
-  // A 300-page release that leaves another block live takes the ordinary path.
+// A release of 256 pages or more that empties the piece resets the whole head page (a
+// small-block piece overwrote the slots of the pages it took); a smaller one clears only
+// the run's first slot; one that leaves a block live takes the ordinary path.
+TEST_F(PagePieceTest, ReleasesThatEmptyThePieceResetTheHeadPageOnlyWhenLarge) {
+  for (unsigned int size : {300u, 255u}) {
+    ASSERT_EQ(page(1), piece->malloc_bit_size(size));
+    for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
+    piece->free_with_bit_size(size, 1);
+    EXPECT_EQ(511u, piece->uint_free_bit);
+    EXPECT_EQ(511u, piece->uint_max_free_bit);
+    EXPECT_EQ(at(1, 1, size + 1), cursors()) << "the high-water mark is kept";
+    if (size < 256) {
+      EXPECT_EQ(0xABCDEF00ul + 2, slot(2)) << "only the run's first slot is cleared";
+      for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0;
+    }
+    expect_clean_head();
+  }
   ASSERT_EQ(page(1), piece->malloc_bit_size(300));
   ASSERT_EQ(page(301), piece->malloc_one_bit());
   piece->free_with_bit_size(300, 1);
@@ -323,55 +273,47 @@ TEST_F(PagePieceTest, ReleaseAcrossWordsClearsExactlyTheRun) {
   ASSERT_EQ(page(64), piece->malloc_one_bit());
   ASSERT_EQ(page(129), piece->malloc_one_bit());
   piece->free_with_bit_size(64, 65);
+  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(1ULL, piece->ptr_ulong[1]);
   EXPECT_EQ(2ULL, piece->ptr_ulong[2]);
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
   EXPECT_EQ(65u, piece->uint_next_free_bit);
   EXPECT_EQ(65u, piece->uint_first_free_bit);
   EXPECT_EQ(0u, slot(65));
 }
 
-// ---------------------------------------------------------------------------------------
-// Region return and the background-thread request
+// ---- region return and the background-thread request -----------------------------------
 
-TEST(PagePieceRegionTest, EmptyPieceGivesItsRegionBack) {
-  Piece_storage storage;
-  const size_t mapped_before = g_locking_sizet_os_malloc_all_size;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  EXPECT_EQ(mapped_before + k_region, g_locking_sizet_os_malloc_all_size);
-  ASSERT_NE(nullptr, piece->malloc_bit_size(100));
-  piece->free_with_bit_size(100, 1);
-  const time_t clock_before = g_timet_millisecond_now_steady;
-  g_timet_millisecond_now_steady = 0;
-  piece->~Memory_bitmap_page_piece();
-  EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
-  EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
-  EXPECT_GE(g_timet_millisecond_now_steady, clock_before);
-}
-
-TEST(PagePieceRegionTest, EmptyPieceWritesTheRegionTagBeforeGivingItBack) {
-  // The mapping layer unmaps nothing for a page type it does not know (2), so the tag
-  // the destructor wrote can be read back here before the region is unmapped for real.
-  Piece_storage storage;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  unsigned char* region = piece->ptr_byte_block;
-  const unsigned char page_type = piece->uchar_page_type;
-  ASSERT_NE(nullptr, piece->malloc_bit_size(37));
-  piece->free_with_bit_size(37, 1);
-  piece->uchar_page_type = 2;
-  piece->ushort_numa_node = 0x1234;
-  const size_t mapped = g_locking_sizet_os_malloc_all_size;
-  piece->~Memory_bitmap_page_piece();
-  EXPECT_EQ(mapped, g_locking_sizet_os_malloc_all_size);
-  const Region_tag* tag = region_tag_of(region);
-  EXPECT_EQ(2u, tag->uchar_page_type);
-  EXPECT_EQ(0x1234u, tag->ushort_numa_node);
-  EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
-  EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
-  EXPECT_GT(tag->ulong_millisecond_release, 0u);
-  region_tag_of(region)->uchar_page_type = page_type;
-  os_free_map_size_2m(region);
-  EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
+// An empty piece writes the region tag (type, node, top bit, release time from the shared
+// clock) and gives the region back. A page type the mapping layer does not know (2) makes
+// the unmap a no-op, so the tag can be read back before the test unmaps the region.
+TEST(PagePieceRegionTest, EmptyPieceTagsAndGivesItsRegionBack) {
+  for (bool unknown_type : {false, true}) {
+    Piece_storage storage;
+    const size_t mapped_before = g_locking_sizet_os_malloc_all_size;
+    Memory_bitmap_page_piece* piece = make_piece(storage);
+    EXPECT_EQ(mapped_before + k_region, g_locking_sizet_os_malloc_all_size);
+    unsigned char* region = piece->ptr_byte_block;
+    const unsigned char page_type = piece->uchar_page_type;
+    ASSERT_NE(nullptr, piece->malloc_bit_size(37));
+    piece->free_with_bit_size(37, 1);
+    if (unknown_type) piece->uchar_page_type = 2;
+    piece->ushort_numa_node = 0x1234;
+    g_timet_millisecond_now_steady = 0;
+    piece->~Memory_bitmap_page_piece();
+    EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
+    if (!unknown_type) {
+      EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
+      continue;
+    }
+    const Region_tag* tag = region_tag_of(region);
+    EXPECT_EQ(2u, tag->uchar_page_type);
+    EXPECT_EQ(0x1234u, tag->ushort_numa_node);
+    EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
+    EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+    region_tag_of(region)->uchar_page_type = page_type;
+    os_free_map_size_2m(region);
+    EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
+  }
 }
 
 TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
@@ -394,93 +336,60 @@ TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
   EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
 }
 
-// Saves and restores the flags that decide on the background thread.
-class PagePieceBackgroundTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    saved_use = g_bool_memory_use_thread_background;
-    saved_enable = g_bool_memory_enable_thread_background;
-    saved_need = g_bool_memory_need_enable_thread_background;
-    saved_threshold = g_ulong_memory_size_use_thread_background_threshold;
-  }
-  void TearDown() override {
-    g_bool_memory_use_thread_background = saved_use;
-    g_bool_memory_enable_thread_background = saved_enable;
-    g_bool_memory_need_enable_thread_background = saved_need;
-    g_ulong_memory_size_use_thread_background_threshold = saved_threshold;
-  }
-  // Constructs and destroys a piece under the given flags; returns the request flag.
-  bool request_after_construction(bool use, bool enable, unsigned long threshold) {
-    g_bool_memory_use_thread_background = use;
-    g_bool_memory_enable_thread_background = enable;
-    g_ulong_memory_size_use_thread_background_threshold = threshold;
+TEST(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
+  const bool saved_use = g_bool_memory_use_thread_background, saved_enable = g_bool_memory_enable_thread_background,
+             saved_need = g_bool_memory_need_enable_thread_background;
+  const unsigned long saved_threshold = g_ulong_memory_size_use_thread_background_threshold;
+  struct Case {
+    bool bool_use, bool_enable;
+    unsigned long ulong_threshold;
+    bool bool_requested;
+    const char* ptr_why;
+  };
+  for (const Case& c : {Case{false, true, 0, true, "enough mapped"}, Case{false, true, ~0ul, false, "below the threshold"},
+                        Case{true, true, 0, false, "already running"}, Case{false, false, 0, false, "disabled"}}) {
+    g_bool_memory_use_thread_background = c.bool_use;
+    g_bool_memory_enable_thread_background = c.bool_enable;
+    g_ulong_memory_size_use_thread_background_threshold = c.ulong_threshold;
     g_bool_memory_need_enable_thread_background = false;
     Piece_storage storage;
     destroy_piece(make_piece(storage));
-    return g_bool_memory_need_enable_thread_background;
+    EXPECT_EQ(c.bool_requested, g_bool_memory_need_enable_thread_background) << c.ptr_why;
   }
-  bool saved_use = false, saved_enable = false, saved_need = false;
-  unsigned long saved_threshold = 0;
-};
-
-TEST_F(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
-  EXPECT_TRUE(request_after_construction(false, true, 0));
-  EXPECT_FALSE(request_after_construction(false, true, ~0ul)) << "below the threshold";
-  EXPECT_FALSE(request_after_construction(true, true, 0)) << "already running";
-  EXPECT_FALSE(request_after_construction(false, false, 0)) << "disabled";
+  g_bool_memory_use_thread_background = saved_use;
+  g_bool_memory_enable_thread_background = saved_enable;
+  g_bool_memory_need_enable_thread_background = saved_need;
+  g_ulong_memory_size_use_thread_background_threshold = saved_threshold;
 }
 
-// ---------------------------------------------------------------------------------------
-// Randomised comparison against a plain model
-
-struct Live_run {
-  unsigned int size;
-  bool aligned;
-};
+// ---- randomised comparison against a plain model ---------------------------------------
 
 struct Model {
-  bool used[512];
-  std::map<unsigned int, Live_run> live;
-  Model() {
-    for (bool& u : used) u = false;
-    used[0] = true;
-  }
+  bool used[512] = {true};  // the head page
+  std::map<unsigned int, std::pair<unsigned int, bool>> live;  // first bit -> size, aligned
 };
 
 ::testing::AssertionResult piece_matches(const Memory_bitmap_page_piece* piece, const Model& model) {
-  unsigned int clear = 0;
-  unsigned int lowest_clear = 512;
+  unsigned int clear = 0, lowest_clear = 512;
   for (unsigned int p = 0; p < 512; ++p) {
-    if (bit_is_set(piece, p) != model.used[p])
-      return ::testing::AssertionFailure() << "bit " << p << " is " << bit_is_set(piece, p);
-    if (!model.used[p]) {
-      ++clear;
-      if (lowest_clear == 512) lowest_clear = p;
-    }
+    if (bit_is_set(piece, p) != model.used[p]) return ::testing::AssertionFailure() << "bit " << p << " differs";
+    if (!model.used[p] && clear++ == 0) lowest_clear = p;
   }
-  if (!bit_is_set(piece, 0)) return ::testing::AssertionFailure() << "head page bit clear";
   if (piece->uint_free_bit != clear)
     return ::testing::AssertionFailure() << "free_bit " << piece->uint_free_bit << " clear " << clear;
   if (lowest_clear < 512 && piece->uint_first_free_bit > lowest_clear)
-    return ::testing::AssertionFailure() << "first_free_bit " << piece->uint_first_free_bit
-                                         << " above lowest clear " << lowest_clear;
+    return ::testing::AssertionFailure() << "first_free_bit " << piece->uint_first_free_bit << " above " << lowest_clear;
   if (piece->uint_next_free_bit > 512 || piece->uint_first_free_bit > 512)
     return ::testing::AssertionFailure() << "cursor out of range";
   const unsigned long* slots = piece->ar_ulong_page_slot();
-  if (slots[0] != reinterpret_cast<unsigned long>(piece))
-    return ::testing::AssertionFailure() << "slot 0 lost the piece";
-  auto it = model.live.begin();
+  if (slots[0] != reinterpret_cast<unsigned long>(piece)) return ::testing::AssertionFailure() << "slot 0 lost the piece";
   for (unsigned int p = 1; p < 512; ++p) {
-    unsigned long expected = 0;
-    if (it != model.live.end() && it->first == p) {
-      expected = it->second.size;
-      if (!it->second.aligned && p + it->second.size > piece->uint_top_bit)
-        return ::testing::AssertionFailure() << "top_bit " << piece->uint_top_bit
-                                             << " below the end of run at " << p;
-      ++it;
-    }
+    auto it = model.live.find(p);
+    const unsigned long expected = it == model.live.end() ? 0 : it->second.first;
     if (slots[p] != expected)
       return ::testing::AssertionFailure() << "slot " << p << " is " << slots[p] << ", expected " << expected;
+    if (expected != 0 && !it->second.second && p + expected > piece->uint_top_bit)
+      return ::testing::AssertionFailure() << "top_bit " << piece->uint_top_bit << " below the end of run at " << p;
   }
   return ::testing::AssertionSuccess();
 }
@@ -488,58 +397,27 @@ struct Model {
 struct Snapshot {
   unsigned int free_bit, max_free_bit, first_free_bit, next_free_bit, top_bit;
   unsigned long long words[8];
-  explicit Snapshot(const Memory_bitmap_page_piece* piece)
-      : free_bit(piece->uint_free_bit),
-        max_free_bit(piece->uint_max_free_bit),
-        first_free_bit(piece->uint_first_free_bit),
-        next_free_bit(piece->uint_next_free_bit),
-        top_bit(piece->uint_top_bit) {
-    for (unsigned int i = 0; i < 8; ++i) words[i] = piece->ptr_ulong[i];
-  }
 };
-
-unsigned long long base_seed() {
-  const char* text = getenv("QUORLA_PAGE_PIECE_SEED");
-  if (text != nullptr && *text != 0) return strtoull(text, nullptr, 0);
-  return std::random_device{}() * 0x100000001ull ^ std::random_device{}();
+Snapshot snapshot(const Memory_bitmap_page_piece* piece) {
+  Snapshot snap{piece->uint_free_bit, piece->uint_max_free_bit, piece->uint_first_free_bit,
+                piece->uint_next_free_bit, piece->uint_top_bit, {}};
+  for (unsigned int i = 0; i < 8; ++i) snap.words[i] = piece->ptr_ulong[i];
+  return snap;
 }
 
-// One random sequence on a fresh piece. Returns through gtest assertions.
-struct Piece_guard {
-  Piece_storage storage;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  ~Piece_guard() { destroy_piece(piece); }
-};
-
-// How often each path was met, so that a generator that stops reaching one is noticed.
-enum Path : unsigned int {
-  k_one_bit,
-  k_short_at_cursor,
-  k_short_by_search,
-  k_long_empty_piece,
-  k_long_by_search,
-  k_aligned_short,
-  k_aligned_long,
-  k_failed_unaligned,
-  k_failed_aligned,
-  k_release_one_bit,
-  k_release_run,
-  k_release_reset,
-  k_path_count
-};
-const char* const k_path_names[k_path_count] = {
-    "one bit", "short at cursor", "short by search", "long in empty piece", "long by search",
-    "aligned short", "aligned long", "failed unaligned", "failed aligned", "release one bit",
-    "release run", "release with reset"};
-
 // Sequence profiles: mixed sizes; short runs only (the top bit then grows slowly); mostly
-// long runs.
+// long runs. Paths counts how often each path was met, so that a generator that stops
+// reaching one is noticed.
 enum Profile : unsigned int { k_mixed, k_short_only, k_long_heavy, k_profile_count };
 
 void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile profile,
-                         unsigned long (&paths)[k_path_count]) {
-  Piece_guard guard;
-  Memory_bitmap_page_piece* piece = guard.piece;
+                         std::map<std::string, unsigned long>& paths) {
+  Piece_storage storage;
+  Memory_bitmap_page_piece* piece = make_piece(storage);
+  struct Guard {
+    Memory_bitmap_page_piece* piece;
+    ~Guard() { destroy_piece(piece); }
+  } guard{piece};
   Model model;
   auto pick = [&](unsigned int low, unsigned int high) {
     return std::uniform_int_distribution<unsigned int>(low, high)(random);
@@ -548,86 +426,67 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     const unsigned int kind = pick(0, 99);
     if (profile == k_short_only) return kind < 60 ? pick(1, 16) : pick(17, 63);
     if (profile == k_long_heavy) return kind < 30 ? pick(1, 63) : pick(64, 300);
-    if (kind < 55) return pick(1, 16);
-    if (kind < 85) return pick(17, 63);
-    return pick(64, 511);
+    return kind < 55 ? pick(1, 16) : kind < 85 ? pick(17, 63) : pick(64, 511);
+  };
+  auto release = [&](std::map<unsigned int, std::pair<unsigned int, bool>>::iterator it, bool one_bit) {
+    const unsigned int bit = it->first, size = it->second.first;
+    if (one_bit) {
+      piece->free_one_bit(bit);
+      ++paths["release one bit"];
+    } else {
+      ++paths[size >= 256 && piece->uint_free_bit + size == 511 ? "release with reset" : "release run"];
+      piece->free_with_bit_size(size, bit);
+    }
+    for (unsigned int p = bit; p < bit + size; ++p) model.used[p] = false;
+    model.live.erase(it);
+    ASSERT_EQ(piece->uint_free_bit, piece->uint_max_free_bit) << "a release lifts the bound";
+    ASSERT_LE(piece->uint_first_free_bit, bit);
+    ASSERT_LE(piece->uint_next_free_bit, bit);
   };
   for (unsigned int step = 0; step < steps; ++step) {
     SCOPED_TRACE(::testing::Message() << "step " << step);
     // Release more often as the piece fills, and now and then empty it completely.
-    const unsigned int fill = 511 - piece->uint_free_bit;
-    const bool release = !model.live.empty() && pick(0, 510) < fill;
     if (!model.live.empty() && pick(0, 299) == 0) {
-      while (!model.live.empty()) {
-        auto it = model.live.begin();
-        const bool reset = it->second.size >= 256 && piece->uint_free_bit + it->second.size == 511;
-        ++paths[reset ? k_release_reset : k_release_run];
-        piece->free_with_bit_size(it->second.size, it->first);
-        for (unsigned int p = it->first; p < it->first + it->second.size; ++p) model.used[p] = false;
-        model.live.erase(it);
-      }
+      while (!model.live.empty()) ASSERT_NO_FATAL_FAILURE(release(model.live.begin(), false));
       ASSERT_EQ(511u, piece->uint_free_bit);
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
-    if (release) {
+    if (!model.live.empty() && pick(0, 510) < 511 - piece->uint_free_bit) {
       auto it = model.live.begin();
       std::advance(it, pick(0, static_cast<unsigned int>(model.live.size()) - 1));
-      const unsigned int bit = it->first;
-      const unsigned int size = it->second.size;
-      if (size == 1 && pick(0, 1) == 0) {
-        piece->free_one_bit(bit);
-        ++paths[k_release_one_bit];
-      } else {
-        const bool reset = size >= 256 && piece->uint_free_bit + size == 511;
-        piece->free_with_bit_size(size, bit);
-        ++paths[reset ? k_release_reset : k_release_run];
-      }
-      for (unsigned int p = bit; p < bit + size; ++p) model.used[p] = false;
-      model.live.erase(it);
-      ASSERT_EQ(piece->uint_free_bit, piece->uint_max_free_bit) << "a release lifts the bound";
-      ASSERT_LE(piece->uint_first_free_bit, bit);
-      ASSERT_LE(piece->uint_next_free_bit, bit);
+      ASSERT_NO_FATAL_FAILURE(release(it, it->second.first == 1 && pick(0, 1) == 0));
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
-
     const unsigned int kind = pick(0, 9);
-    unsigned int size = 1;
-    unsigned int align = 1;
-    bool aligned = false;
-    const Snapshot before(piece);
+    unsigned int size = 1, align = 1;
+    const bool aligned = kind >= 7;
+    const Snapshot before = snapshot(piece);
     unsigned char* result;
     if (kind < 3) {
       if (piece->uint_free_bit == 0) continue;
       result = piece->malloc_one_bit();
       ASSERT_NE(nullptr, result) << "one-bit take with free pages";
-    } else if (kind < 7) {
+    } else if (!aligned) {
       size = random_size();
       result = piece->malloc_bit_size(size);
     } else {
-      aligned = true;
-      if (profile == k_short_only || pick(0, 2) != 0) {
-        size = pick(1, 63);
-        // Placement is by in-word multiples, so alignments are powers of two (as callers
-        // form them); 64 can never be met by a short run and must fail.
-        align = 1u << pick(0, 6);
-      } else {
-        size = pick(64, 511);
-        align = 64 * pick(1, 8);
-      }
+      // Placement is by in-word multiples, so short alignments are powers of two (as callers
+      // form them); 64 can never be met by a short run and must fail.
+      const bool short_run = profile == k_short_only || pick(0, 2) != 0;
+      size = short_run ? pick(1, 63) : pick(64, 511);
+      align = short_run ? 1u << pick(0, 6) : 64 * pick(1, 8);
       result = piece->malloc_bit_size_align(size, align);
     }
     if (result == nullptr) {
-      ++paths[aligned ? k_failed_aligned : k_failed_unaligned];
+      ++paths[aligned ? "failed aligned" : "failed unaligned"];
       // A failed search takes nothing and moves nothing but the bound (unaligned only).
-      ASSERT_EQ(before.free_bit, piece->uint_free_bit);
-      ASSERT_EQ(before.first_free_bit, piece->uint_first_free_bit);
-      ASSERT_EQ(before.next_free_bit, piece->uint_next_free_bit);
-      ASSERT_EQ(before.top_bit, piece->uint_top_bit);
-      for (unsigned int i = 0; i < 8; ++i) ASSERT_EQ(before.words[i], piece->ptr_ulong[i]);
-      ASSERT_EQ(aligned ? before.max_free_bit : size - 1, piece->uint_max_free_bit)
-          << "size " << size << " align " << align;
+      const Snapshot after = snapshot(piece);
+      ASSERT_EQ(std::make_tuple(before.free_bit, before.first_free_bit, before.next_free_bit, before.top_bit),
+                std::make_tuple(after.free_bit, after.first_free_bit, after.next_free_bit, after.top_bit));
+      for (unsigned int i = 0; i < 8; ++i) ASSERT_EQ(before.words[i], after.words[i]);
+      ASSERT_EQ(aligned ? before.max_free_bit : size - 1, after.max_free_bit) << "size " << size << " align " << align;
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
@@ -641,42 +500,43 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
       ASSERT_EQ(before.next_free_bit, piece->uint_next_free_bit);
       ASSERT_EQ(before.top_bit, piece->uint_top_bit);
     }
-    if (size < 64) {
-      ASSERT_EQ(bit >> 6, (bit + size - 1) >> 6) << "short run crosses a word";
-    }
+    ASSERT_TRUE(size >= 64 || bit >> 6 == (bit + size - 1) >> 6) << "short run crosses a word at " << bit;
     for (unsigned int p = bit; p < bit + size; ++p) {
-      ASSERT_FALSE(model.used[p]) << "page " << p << " handed out twice (run at " << bit << ", size "
-                                  << size << ")";
+      ASSERT_FALSE(model.used[p]) << "page " << p << " handed out twice (run at " << bit << ", size " << size << ")";
       model.used[p] = true;
     }
-    model.live[bit] = Live_run{size, aligned};
+    model.live[bit] = {size, aligned};
     if (kind < 3) {
-      ++paths[k_one_bit];
+      ++paths["one bit"];
     } else if (aligned) {
-      ++paths[size < 64 ? k_aligned_short : k_aligned_long];
+      ++paths[size < 64 ? "aligned short" : "aligned long"];
     } else if (size < 64) {
-      ++paths[bit == before.next_free_bit ? k_short_at_cursor : k_short_by_search];
+      ++paths[bit == before.next_free_bit ? "short at cursor" : "short by search"];
     } else {
-      ++paths[before.free_bit == 511 ? k_long_empty_piece : k_long_by_search];
+      ++paths[before.free_bit == 511 ? "long in empty piece" : "long by search"];
     }
     ASSERT_TRUE(piece_matches(piece, model)) << "after taking " << size << " at " << bit;
   }
 }
 
 TEST(PagePieceModelTest, RandomSequencesAgreeWithAPlainModel) {
-  const unsigned long long seed = base_seed();
+  const char* text = getenv("QUORLA_PAGE_PIECE_SEED");
+  const unsigned long long seed = text != nullptr && *text != 0 ? strtoull(text, nullptr, 0)
+                                                                : std::random_device{}() * 0x100000001ull ^ std::random_device{}();
   printf("page piece model seed: %llu (replay with QUORLA_PAGE_PIECE_SEED=%llu)\n", seed, seed);
   SCOPED_TRACE(::testing::Message() << "QUORLA_PAGE_PIECE_SEED=" << seed);
   std::mt19937_64 random(seed);
-  unsigned long paths[k_path_count] = {};
+  std::map<std::string, unsigned long> paths;
   for (unsigned int sequence = 0; sequence < 12; ++sequence) {
     SCOPED_TRACE(::testing::Message() << "sequence " << sequence);
     run_random_sequence(random, 6000, static_cast<Profile>(sequence % k_profile_count), paths);
     if (::testing::Test::HasFatalFailure()) return;
   }
-  for (unsigned int i = 0; i < k_path_count; ++i) {
-    printf("  %-20s %lu\n", k_path_names[i], paths[i]);
-    EXPECT_GT(paths[i], 0u) << "no step reached: " << k_path_names[i];
+  for (const char* name : {"one bit", "short at cursor", "short by search", "long in empty piece", "long by search",
+                           "aligned short", "aligned long", "failed unaligned", "failed aligned", "release one bit",
+                           "release run", "release with reset"}) {
+    printf("  %-20s %lu\n", name, paths[name]);
+    EXPECT_GT(paths[name], 0u) << "no step reached: " << name;
   }
 }
 
