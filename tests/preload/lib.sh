@@ -17,9 +17,12 @@ make_scratch() {
 }
 remove_scratch() { [ -z "${scratch:-}" ] || rm -rf "$scratch"; }
 
-# Checks that a memory map (text on stdin) holds the library; $1 names the process.
+# Checks that a memory map (text on stdin, read to the end so that no writer gets SIGPIPE)
+# holds the library; $1 names the process.
 expect_mapped() {
-  grep -qF "$library_path" || fail "$1: $library_path is not in its memory map"
+  local map
+  map="$(cat)"
+  grep -qF "$library_path" <<<"$map" || fail "$1: $library_path is not in its memory map"
   pass "$1 has the library mapped"
 }
 
