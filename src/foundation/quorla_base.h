@@ -19,11 +19,6 @@
 namespace quorla {
 
 // lfence: later loads are not performed before earlier ones complete.
-// Branch-free minimum and maximum for hot-path hints whose comparisons are unpredictable:
-// the caller stores the result unconditionally, so the compiler can use a conditional move.
-QUORLA_INLINE unsigned int lower_of(unsigned int a, unsigned int b) { return a < b ? a : b; }
-QUORLA_INLINE unsigned int higher_of(unsigned int a, unsigned int b) { return a > b ? a : b; }
-
 QUORLA_INLINE void load_fence() { asm volatile("lfence" ::: "memory"); }
 // sfence: earlier stores are globally visible before later ones.
 QUORLA_INLINE void store_fence() { asm volatile("sfence" ::: "memory"); }

@@ -48,13 +48,11 @@ class Memory_bitmap_piece {
   // uint_first_free_bit, with its nibble set to 1.
   QUORLA_INLINE void* take_one_block() {
     if (QUORLA_UNLIKELY(ptr_block == nullptr)) malloc_block();
-    // The hint updates are written as unconditional stores of a minimum or maximum: with
-    // random sizes and release orders their branches would mispredict on most calls.
     unsigned int free_bit = --uint_free_bit;
-    uint_max_free_bit = lower_of(free_bit, uint_max_free_bit);
+    if (free_bit < uint_max_free_bit) uint_max_free_bit = free_bit;
     unsigned int block = uint_first_free_bit;
     uint_first_free_bit = block + 1;
-    uint_next_free_bit = higher_of(block + 1, uint_next_free_bit);
+    if (block + 1 > uint_next_free_bit) uint_next_free_bit = block + 1;
     unsigned int word = block >> 6;
     unsigned long mask = ar_ulong_bit[block & 63];
     if (QUORLA_LIKELY((ptr_ulong[word] & mask) == 0)) {
@@ -66,7 +64,7 @@ class Memory_bitmap_piece {
       ptr_ulong[word] = bits | (bits + 1);
       block = word * 64 + static_cast<unsigned int>(__builtin_ctzl(~bits));
       uint_first_free_bit = block + 1;
-      uint_next_free_bit = higher_of(block + 1, uint_next_free_bit);
+      if (block + 1 > uint_next_free_bit) uint_next_free_bit = block + 1;
     }
     ar_uchar_bit_size[block >> 1] += (block & 1) ? 16 : 1;
     return ptr_block + static_cast<unsigned long>(block) * uint_bit_ref_byte;
