@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace bench {
@@ -173,6 +174,22 @@ class Stopwatch {
  private:
   std::chrono::steady_clock::time_point start_;
 };
+
+// Runs work(t) on `threads` threads at once and returns the sum of their results.
+template <class Work>
+uint64_t run_threads(long threads, Work work) {
+  std::vector<uint64_t> sums(static_cast<size_t>(threads), 0);
+  std::vector<std::thread> pool;
+  for (long t = 0; t < threads; ++t) {
+    pool.emplace_back([&sums, &work, t] { sums[static_cast<size_t>(t)] = work(t); });
+  }
+  uint64_t total = 0;
+  for (long t = 0; t < threads; ++t) {
+    pool[static_cast<size_t>(t)].join();
+    total += sums[static_cast<size_t>(t)];
+  }
+  return total;
+}
 
 // The last line every workload prints; non-zero exit when any block came back altered.
 inline int finish(const char* name, uint64_t checksum, double seconds, uint64_t operations) {

@@ -59,18 +59,7 @@ int main(int argc, char** argv) {
       std::memset(p, 0, static_cast<size_t>(c.size));
     }
   }
-  std::vector<uint64_t> sums(static_cast<size_t>(threads), 0);
-  std::vector<std::thread> pool;
-  for (long t = 0; t < threads; ++t) {
-    pool.emplace_back([&, t] {
-      sums[static_cast<size_t>(t)] = worker(c, inherited[static_cast<size_t>(t)]);
-    });
-  }
-  uint64_t checksum = 0;
-  for (long t = 0; t < threads; ++t) {
-    pool[static_cast<size_t>(t)].join();
-    checksum += sums[static_cast<size_t>(t)];
-  }
+  const uint64_t checksum = bench::run_threads(threads, [&](long t) { return worker(c, inherited[static_cast<size_t>(t)]); });
   return bench::finish("false_sharing", checksum, clock.seconds(),
                        static_cast<uint64_t>(threads * c.iterations * c.writes * c.size));
 }

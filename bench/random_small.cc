@@ -68,16 +68,7 @@ int main(int argc, char** argv) {
   }
 
   bench::Stopwatch clock;
-  std::vector<uint64_t> sums(static_cast<size_t>(threads), 0);
-  std::vector<std::thread> pool;
-  for (long t = 0; t < threads; ++t) {
-    pool.emplace_back([&, t] { sums[static_cast<size_t>(t)] = worker(c, static_cast<int>(t)); });
-  }
-  uint64_t checksum = 0;
-  for (long t = 0; t < threads; ++t) {
-    pool[static_cast<size_t>(t)].join();
-    checksum += sums[static_cast<size_t>(t)];
-  }
+  const uint64_t checksum = bench::run_threads(threads, [&](long t) { return worker(c, static_cast<int>(t)); });
   return bench::finish("random_small", checksum, clock.seconds(),
                        static_cast<uint64_t>(threads * c.ops));
 }
