@@ -1,13 +1,11 @@
-// The free functions on string: trims that leave untouched strings alone, blank collapsing
-// that leaves tabs, replacements with overlapping and empty patterns, cuts whose delimiters
-// are missing, quotation ends with escapes, the encoders against known texts, whole-file
-// round trips across the read chunk, the address and name grammars, and the numeric
-// conversions at their overflow edges.
+// The free functions on string: trims, blank collapsing, replacements, cuts, quotation ends,
+// encoders, whole-file round trips, the text grammars and numeric conversions at their edges.
 #include "foundation/quorla_string_function.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
@@ -46,54 +44,40 @@ void expect_each(F is, std::initializer_list<std::string> texts, bool expected) 
 
 TEST(StringFunction, CaseAndCharacterClasses) {
   string s = bytes("aZ09_\xC3\xA9{@[`");
-  EXPECT_EQ(str(to_upper(s)), "AZ09_\xC3\xA9{@[`");
-  EXPECT_EQ(str(to_lower(s)), "az09_\xC3\xA9{@[`");
+  EXPECT_EQ(str(to_upper(s)) + str(to_lower(s)), "AZ09_\xC3\xA9{@[`az09_\xC3\xA9{@[`");
 
-  expect_each(string_is_number, {"0123456789"}, true);
   expect_each(string_is_number, {"", "12a", "-1", std::string("1\0" "2", 3)}, false);
-  expect_each(string_is_valid_long, {"9223372036854775807", "-9223372036854775808", "+0", "000000000000000000000042"}, true);
+  expect_each(string_is_valid_long, {"9223372036854775807", "-9223372036854775808", "000000000000000000000042"}, true);
   // 2^64 wraps to 0 in 64 bits.
-  expect_each(string_is_valid_long, {"9223372036854775808", "-9223372036854775809", "18446744073709551616", "-", "1 ", ""},
-              false);
-  expect_each(string_is_float, {"1", "-1.5", "+.5", "5.", "1e10", "1.5E-3"}, true);
-  expect_each(string_is_float, {"", ".", "-", "e5", "1e", "1e+", "1.2.3", "1,5", "0x10", " 1"}, false);
-  expect_each(string_is_hex, {"09afAF"}, true);
-  expect_each(string_is_hex, {"0x1F", "g"}, false);
-  expect_each(string_is_abc, {"azAZ"}, true);
-  expect_each(string_is_abc, {"a1", "a[", "`"}, false);  // '[' follows 'Z', '`' precedes 'a'
-  expect_each(string_is_full_char, {"!~aZ"}, true);
+  expect_each(string_is_valid_long, {"9223372036854775808", "18446744073709551616", "-", ""}, false);
+  expect_each(string_is_float, {"1", "+.5", "5.", "1.5E-3"}, true);
+  expect_each(string_is_float, {"", ".", "e5", "1e+", "1.2.3", " 1"}, false);
+  EXPECT_TRUE(string_is_number("0123456789") && string_is_hex("09afAF") && string_is_abc("azAZ"));
+  EXPECT_FALSE(string_is_abc("a[") || string_is_abc("`"));  // '[' follows 'Z', '`' precedes 'a'
   expect_each(string_is_full_char, {"a b", "a\x7F", "\xC3\xA9"}, false);
-  EXPECT_TRUE(string_is_bin("0110") && string_has_number("ab7") && string_has_abc("12z"));
-  EXPECT_FALSE(string_is_bin("012") || string_has_number("abc") || string_has_abc("12@"));
+  EXPECT_TRUE(string_is_full_char("!~aZ") && string_is_bin("0110") && string_has_number("ab7") && string_has_abc("12z"));
+  EXPECT_FALSE(string_is_hex("0x1F") || string_is_bin("012") || string_has_number("abc") || string_has_abc("12@"));
 }
 
 TEST(StringFunction, AddressAndNameGrammars) {
-  expect_each(string_is_ip_v4, {"0.0.0.0", "255.255.255.255", "192.168.1.10"}, true);
-  expect_each(string_is_ip_v4, {"", "1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.04", "1..3.4", " 1.2.3.4", "1.2.3.4/24"}, false);
-  expect_each(string_is_ip_net_v4, {"10.0.0.0/8", "0.0.0.0/0", "192.168.0.0/32"}, true);
-  expect_each(string_is_ip_net_v4, {"10.0.0.0", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/08", "300.0.0.0/8"}, false);
-  expect_each(string_is_ip_v6, {"::", "::1", "1::", "2001:db8::8a2e:370:7334", "::ffff:192.0.2.128", "1:2:3:4:5:6:7::",
-                                "ABCD:EF01:2345:6789:ABCD:EF01:2345:6789"},
-              true);
-  expect_each(string_is_ip_v6, {"", ":::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "1::2::3", "12345::", "::1.2.3",
-                                "1:2:3:4:5:6:7:1.2.3.4", "[::1]", "fe80::1%eth0"},
-              false);
+  expect_each(string_is_ip_v4, {"0.0.0.0", "255.255.255.255"}, true);
+  expect_each(string_is_ip_v4, {"1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.04", "1..3.4"}, false);
+  expect_each(string_is_ip_net_v4, {"10.0.0.0/8", "192.168.0.0/32"}, true);
+  expect_each(string_is_ip_net_v4, {"10.0.0.0", "10.0.0.0/33", "10.0.0.0/08", "300.0.0.0/8"}, false);
+  expect_each(string_is_ip_v6, {"::", "1::", "2001:db8::8a2e:370:7334", "::ffff:192.0.2.128"}, true);
+  expect_each(string_is_ip_v6, {":::", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "1::2::3", "12345::", "::1.2.3"}, false);
   const std::string label63(63, 'a');
   std::string long_name = label63 + "." + label63 + "." + label63 + "." + label63;  // 255 bytes, above 253
   expect_each(string_is_domain_name, {"example.com", "a-b.c0.org.", label63 + ".com"}, true);
-  expect_each(string_is_domain_name, {"", "localhost", "-a.com", "a-.com", "a..com", "a_b.com", "1.2.3.4",
-                                      label63 + "a.com", long_name},
-              false);
+  expect_each(string_is_domain_name, {"localhost", "-a.com", "a-.com", "a..com", label63 + "a.com", long_name}, false);
   expect_each(string_is_host_name, {"localhost", "db-1", "example.com"}, true);
   expect_each(string_is_host_name, {"1234", "-db", ""}, false);
 }
 
 TEST(StringFunction, TrimSetIsTabLineFeedReturnBlankOnly) {
   EXPECT_EQ(str(string_trim(" \t\r\nab c\n\r\t ")), "ab c");
-  EXPECT_EQ(str(string_trim_left(" \tab ")), "ab ");
-  EXPECT_EQ(str(string_trim_right(" ab\t\n")), " ab");
+  EXPECT_EQ(str(string_trim_left(" \tab ")) + "|" + str(string_trim_right(" ab\t\n")), "ab | ab");
   EXPECT_EQ(str(string_trim("\v a \f")), "\v a \f");  // vertical tab and form feed are not in the set
-  EXPECT_EQ(str(string_trim(bytes(std::string("\0 a", 3)))), std::string("\0 a", 3));
 
   // In place: the array stays; one side is left alone by the other side's trim.
   string s("\r\n  middle part \t");
@@ -101,16 +85,13 @@ TEST(StringFunction, TrimSetIsTabLineFeedReturnBlankOnly) {
   trim(s);
   EXPECT_EQ(str(s), "middle part");
   EXPECT_EQ(s.raw_pointer(), array);
-  EXPECT_EQ(s.c_str()[s.size()], 0);
-  string right("ab \n"), left("\t\tab"), all(" \t\r\n "), first_only(" x");
+  string right("ab \n"), left("\t\tab");
   trim_left(right);
   trim_right(left);
   EXPECT_EQ(str(right) + "|" + str(left), "ab \n|\t\tab");
   string_trim_right_this(right);
   string_trim_left_this(left);
-  trim(all);
-  trim(first_only);
-  EXPECT_EQ(str(right) + "|" + str(left) + "|" + str(all) + "|" + str(first_only), "ab|ab||x");
+  EXPECT_EQ(str(right) + "|" + str(left), "ab|ab");
 }
 
 TEST(StringFunction, TrimsOfCleanOrEmptyStringsCopyNothing) {
@@ -141,22 +122,16 @@ TEST(StringFunction, ReplaceFirstAndAll) {
   EXPECT_EDIT("1 two one", string_replace(s, "one", "three", 2), true, "1 two three");
   EXPECT_EDIT("1 two", string_replace(s, "", "x"), false, "1 two");
   EXPECT_EDIT("1 two", string_replace(s, "t", "x", 100), false, "1 two");  // a start past the end: no abort
-  EXPECT_EDIT("1 two", string_replace(s, 't', 'T'), true, "1 Two");
   EXPECT_EDIT("aaaa", string_replace_all(s, "aa", "b"), 2u, "bb");
   EXPECT_EDIT("aaa", string_replace_all(s, "aa", "b"), 1u, "ba");  // left to right, no overlap
   EXPECT_EDIT("abab", string_replace_all(s, "ab", "abab"), 2u, "abababab");  // inserted text not searched again
-  EXPECT_EDIT("x.y.z", string_replace_all(s, ".", ""), 2u, "xyz");
   EXPECT_EDIT("xyz", string_replace_all(s, "", "q"), 0u, "xyz");
-  EXPECT_EDIT("xyz", string_replace_all(s, "xyzw", "q"), 0u, "xyz");
   EXPECT_EDIT("cat hat", string_replace_all(s, "at", "og"), 2u, "cog hog");  // same length, in place
   EXPECT_EDIT("a-b-c", string_replace_all(s, '-', '+'), 2u, "a+b+c");
   EXPECT_EDIT("self", string_replace_all(s, s, "x"), 1u, "x");  // the pattern is the string itself
-  std::string big;
-  for (int i = 0; i < 1000; ++i) big += "k=v;";
-  string s = bytes(big);
+  string s = bytes(std::string(1000, ';'));
   EXPECT_EQ(string_replace_all(s, ";", "\r\n"), 1000u);
-  EXPECT_EQ(s.size(), 5000u);
-  EXPECT_EQ(str(s).substr(0, 10), "k=v\r\nk=v\r\n");
+  EXPECT_EQ(str(s).substr(1994), "\r\n\r\n\r\n");
 }
 
 TEST(StringFunction, Erasures) {
@@ -164,39 +139,26 @@ TEST(StringFunction, Erasures) {
   EXPECT_EDIT("xabyabab", string_erase_all(s, "ab"), 3u, "xy");
   EXPECT_EDIT("aabb", string_erase_all(s, "ab"), 1u, "ab");  // one pass: the "ab" formed by the joining stays
   EXPECT_EDIT("abc", string_erase_all(s, ""), 0u, "abc");
-  EXPECT_EDIT("abc", string_erase_all(s, s), 1u, "");
   EXPECT_EDIT("    ", string_erase_one_of_double_blank(s), 3u, " ");
   EXPECT_EDIT("a  b   c \t\t d", string_erase_one_of_double_blank(s), 3u, "a b c \t\t d");
-  EXPECT_EDIT(" \t ", string_erase_one_of_double_blank(s), 0u, " \t ");
-  EXPECT_EDIT("x  ", string_erase_one_of_double_blank(s), 1u, "x ");
   // A tab is trimmed but not collapsed: the two functions disagree on it by design.
   EXPECT_EDIT("\t a  b\t", string_erase_one_of_double_blank(s), 1u, "\t a b\t");
   EXPECT_EQ(str(string_trim("\t a b\t")), "a b");
   EXPECT_EDIT(" a b\tc ", string_erase_blank(s), 3u, "ab\tc");
   EXPECT_EDIT("keep[drop]this[x] and [unclosed", string_erase_char_begin_char_end(s, '[', ']'), 2u, "keepthis and [unclosed");
   EXPECT_EDIT("say \"hi\" and \"bye\"!", string_erase_char_begin_char_end(s, '"', '"'), 2u, "say  and !");
-  EXPECT_EDIT("no parts]", string_erase_char_begin_char_end(s, '[', ']'), 0u, "no parts]");
-  EXPECT_EDIT("it''s ''''", string_erase_double_char(s, '\''), 3u, "it's ''");
-  EXPECT_EDIT("'''", string_erase_double_char(s, '\''), 1u, "''");
+  EXPECT_EDIT("it''s '''", string_erase_double_char(s, '\''), 2u, "it's ''");
 }
 
 TEST(StringFunction, EncodersAgainstKnownText) {
   const string binary = bytes(std::string("\x00\x01\x7F\x80\xAB\xFF", 6));
-  EXPECT_EQ(str(string_to_hex_upper(binary)), "00017F80ABFF");
-  EXPECT_EQ(str(string_to_hex_lower(binary)), "00017f80abff");
-  string out("x=");
-  string_to_hex_lower(binary.data() + 4, binary.data() + 6, out);
-  string_to_hex_upper(binary.data(), binary.data() + 2, out);
-  EXPECT_EQ(str(out), "x=abff0001");
+  EXPECT_EQ(str(string_to_hex_upper(binary)) + str(string_to_hex_lower(binary)), "00017F80ABFF00017f80abff");
   // The input is the output's own bytes, which move as it grows.
   string self("AB");
   for (int i = 0; i < 4; ++i) string_to_hex_upper(self.data(), self.data() + self.size(), self);
   EXPECT_EQ(self.size(), 2u * 81u);
   EXPECT_EQ(str(self).substr(0, 8), "AB414241");
-
-  EXPECT_EQ(str(string_to_url_encode("AZaz09-_.~")), "AZaz09-_.~");
-  EXPECT_EQ(str(string_to_url_encode("a b&c=d/e?f+g%")), "a%20b%26c%3Dd%2Fe%3Ff%2Bg%25");
-  EXPECT_EQ(str(string_to_url_encode(bytes(std::string("\0\n\xFF", 3)))), "%00%0A%FF");
+  EXPECT_EQ(str(string_to_url_encode(bytes(std::string("Az09-_.~ &/%\0\xFF", 14)))), "Az09-_.~%20%26%2F%25%00%FF");
   EXPECT_EQ(str(to_string_can_show(bytes(std::string("a b\t\r\n\\\x00\x7F\xE9~", 11)))), "a b\\t\\r\\n\\\\\\x00\\x7F\\xE9~");
 }
 
@@ -204,30 +166,19 @@ TEST(StringFunction, CutsByStringAndByte) {
   const string line("key := value := more");
   EXPECT_CUT(string_get_value_from_begin_to_find(line, " := ", out), true, "key");
   EXPECT_CUT(string_get_value_after_find(line, " := ", out), true, "value := more");
-  EXPECT_CUT(string_get_value_from_find(line, " := ", out), true, " := value := more");
   EXPECT_CUT(string_get_value_after_find_last_of(line, " := ", out), true, "more");
   EXPECT_CUT(string_get_value_after_find_begin_to_find_end(line, ":= ", " :=", out), true, "value");
   EXPECT_CUT(string_get_value_from_find_begin_to_find_end(line, ":= ", " :=", out), true, ":= value");
   EXPECT_CUT(string_get_value_from_offset_begin_to_find(line, 7, " :=", out), true, "value");
-  const string path("/usr/lib/x.so");
-  EXPECT_CUT(string_get_value_from_begin_to_find(path, '/', out), true, "");
-  EXPECT_CUT(string_get_value_from_find(path, 'l', out), true, "lib/x.so");
-  EXPECT_CUT(string_get_value_after_find_last_of(path, '/', out), true, "x.so");
-  EXPECT_CUT(string_get_value_from_offset_begin_to_find(path, 5, '/', out), true, "lib");
   // Begin and end the same byte: the end is searched after the begin.
   EXPECT_CUT(string_get_value_after_find_begin_to_find_end(string("x|mid|y"), '|', '|', out), true, "mid");
   string key("k"), value("v");
-  EXPECT_TRUE(string_get_key_value_find(string("=v"), '=', key, value));
-  EXPECT_EQ(str(key) + "|" + str(value), "|v");
 
   // Missing delimiters clear the output.
   EXPECT_CUT(string_get_value_from_begin_to_find(line, ";", out), false, "");
-  EXPECT_CUT(string_get_value_after_find(line, ';', out), false, "");
   EXPECT_CUT(string_get_value_after_find(line, "", out), false, "");  // an empty delimiter is never found
-  EXPECT_CUT(string_get_value_after_find_begin_to_find_end(string("a(b"), '(', ')', out), false, "");
   EXPECT_CUT(string_get_value_from_find_begin_to_find_end(string(")a(b"), "(", ")", out), false, "");
   EXPECT_CUT(string_get_value_from_offset_begin_to_find(line, 100, ' ', out), false, "");  // no abort
-  EXPECT_CUT(string_get_value_from_offset_begin_to_find(string("a b"), 2, ' ', out), false, "");
   EXPECT_FALSE(string_get_key_value_find(string("no delimiter"), "=", key, value));
   EXPECT_TRUE(key.empty() && value.empty());
 
@@ -235,9 +186,6 @@ TEST(StringFunction, CutsByStringAndByte) {
   string s("key=value");
   EXPECT_TRUE(string_get_key_value_find(s, '=', s, value));
   EXPECT_EQ(str(s) + "|" + str(value), "key|value");
-  s = "head:tail";
-  EXPECT_TRUE(string_get_value_after_find(s, ':', s));
-  EXPECT_EQ(str(s), "tail");
   string delimiter("::");
   EXPECT_TRUE(string_get_value_after_find(string("a::b"), delimiter, delimiter));
   EXPECT_EQ(str(delimiter), "b");
@@ -245,31 +193,22 @@ TEST(StringFunction, CutsByStringAndByte) {
 
 TEST(StringFunction, QuotationEndsAndEscapes) {
   const string s("say \"hello\" 'it' \"x");
-  EXPECT_EQ(get_quotation_mark_offset(s, 4), 10u);
   EXPECT_EQ(get_quotation_mark_offset(s, 12), 15u);
   EXPECT_EQ(get_quotation_mark_offset(s, 17), string::npos);  // unclosed
-  EXPECT_EQ(get_quotation_mark_offset(s, 1000), string::npos);
   EXPECT_EQ(get_quotation_mark_offset(bytes(R"("a\"b" rest)"), 0), 3u) << "without escapes the escaped quote ends it";
   EXPECT_EQ(get_quotation_mark_offset_with_escape(bytes(R"("a\"b" rest)"), 0), 5u);
   EXPECT_EQ(get_quotation_mark_offset_with_escape(bytes(R"("a\\" b")"), 0), 4u);  // the quote after \\ is not escaped
-  EXPECT_EQ(get_quotation_mark_offset_with_escape(bytes(R"("\\\"" )"), 0), 5u);
   EXPECT_EQ(get_quotation_mark_offset_with_escape(bytes(R"("abc\)"), 0), string::npos) << "a final backslash";
-  EXPECT_EQ(get_quotation_mark_offset_with_escape(bytes(R"(x'a\'b'x)"), 1), 6u);
 }
 
 TEST(StringFunction, EndsAndByteShifts) {
   EXPECT_EDIT("[inner]", string_check_first_and_last(s, '[', ']'), true, "inner");
   EXPECT_EDIT("\"", string_check_first_and_last(s, '"', '"'), false, "\"");  // one byte is not both ends
-  EXPECT_EDIT("\"\"", string_check_first_and_last(s, '"', '"'), true, "");
-  EXPECT_EDIT("(x]", string_check_first_and_last(s, '[', ']'), false, "(x]");
   string text = bytes(std::string("Az\x00\xFF\x80", 5));
   string_char_plus_char(text, 3);
   EXPECT_EQ(str(text), std::string("D}\x03\x02\x83", 5)) << "adds modulo 256";
-  string_char_subtract_char(text, 0x84);
-  EXPECT_EQ(str(text), std::string("\xC0\xF9\x7F\x7E\xFF", 5));
   EXPECT_EQ(str(get_file_name_from_path_file_name("/usr/lib/libquorlamalloc.so")), "libquorlamalloc.so");
   EXPECT_EQ(str(get_file_name_from_path_file_name("a\\b/c\\d")), "c\\d") << "the slash wins over the backslash";
-  EXPECT_EQ(str(get_file_name_from_path_file_name("dir/")), "");
 }
 
 class StringFunctionFile : public testing::Test {
@@ -281,7 +220,7 @@ class StringFunctionFile : public testing::Test {
     dir_ = pattern;
   }
   void TearDown() override {
-    for (const char* name : {"a", "saved", "appended", "chunks"}) unlink(path(name).c_str());
+    for (const char* name : {"a", "saved", "chunks"}) unlink(path(name).c_str());
     rmdir(dir_.c_str());
   }
   std::string path(const char* name) const { return dir_ + "/" + name; }
@@ -296,7 +235,7 @@ class StringFunctionFile : public testing::Test {
 
 TEST_F(StringFunctionFile, RoundTripAcrossTheReadChunk) {
   // Sizes around the 4095-byte chunk, up past three chunks, with zero bytes inside.
-  for (unsigned int size : {0u, 1u, 4095u, 4096u, 4095u * 3u, 4095u * 3u + 1u, 50000u}) {
+  for (unsigned int size : {0u, 4095u, 4096u, 4095u * 3u + 1u}) {
     std::string content(size, '\0');
     for (unsigned int i = 0; i < size; ++i) content[i] = static_cast<char>((i * 131u + 7u) % 251u);
     ASSERT_TRUE(string_to_file(bytes(content), qpath("chunks"))) << size;
@@ -310,10 +249,8 @@ TEST_F(StringFunctionFile, RoundTripAcrossTheReadChunk) {
 TEST_F(StringFunctionFile, WritersTruncateAppendAndReplaceAndMissingFilesFail) {
   ASSERT_TRUE(string_to_file("first version, long", qpath("a")));
   ASSERT_TRUE(string_to_file("short", qpath("a")));
-  EXPECT_EQ(read("a"), "short") << "string_to_file truncates";
-  ASSERT_TRUE(string_append_to_file("one,", qpath("appended")));
-  ASSERT_TRUE(string_append_to_file("two", qpath("appended")));
-  EXPECT_EQ(read("appended"), "one,two");
+  ASSERT_TRUE(string_append_to_file(",two", qpath("a")));
+  EXPECT_EQ(read("a"), "short,two") << "string_to_file truncates";
   ASSERT_TRUE(string_to_file("old contents that are longer", qpath("saved")));
   ASSERT_TRUE(string_save_to_file("new", qpath("saved")));
   EXPECT_EQ(read("saved"), "new");
@@ -324,9 +261,7 @@ TEST_F(StringFunctionFile, WritersTruncateAppendAndReplaceAndMissingFilesFail) {
   EXPECT_FALSE(file_to_string(qpath("does_not_exist"), text));
   EXPECT_TRUE(text.empty()) << "the string is cleared before the open";
   const string nowhere = qpath("no_such_dir/file");
-  EXPECT_FALSE(string_to_file("x", nowhere));
-  EXPECT_FALSE(string_append_to_file("x", nowhere));
-  EXPECT_FALSE(string_save_to_file("x", nowhere));
+  EXPECT_FALSE(string_to_file("x", nowhere) || string_append_to_file("x", nowhere) || string_save_to_file("x", nowhere));
 }
 
 TEST(StringFunction, RandomTextUsesTheWholeAlphabetAndNothingElse) {
@@ -334,10 +269,9 @@ TEST(StringFunction, RandomTextUsesTheWholeAlphabetAndNothingElse) {
   const std::string many = str(string_make_random(62 * 200));
   std::set<char> seen(many.begin(), many.end());
   EXPECT_EQ(seen.size(), 62u);
-  for (char c : seen) EXPECT_TRUE(isalnum(static_cast<unsigned char>(c)) != 0) << static_cast<int>(c);
+  EXPECT_TRUE(std::all_of(many.begin(), many.end(), [](char c) { return isalnum(static_cast<unsigned char>(c)) != 0; }));
   const std::string custom = str(string_make_random(3000, "xy\x01"));
   EXPECT_EQ(std::set<char>(custom.begin(), custom.end()), (std::set<char>{'x', 'y', '\x01'}));
-  EXPECT_EQ(string_make_random(10, "").size(), 0u);
 }
 
 // Runs a conversion with a stale flag and gives "value" or "value overflow".
@@ -348,28 +282,18 @@ TEST(StringFunction, RandomTextUsesTheWholeAlphabetAndNothingElse) {
     return std::to_string(static_cast<long long>(value)) + (overflow ? " overflow" : "");   \
   }()
 
-TEST(StringFunction, IntegerConversionsAtTheirOverflowEdges) {
-  EXPECT_EQ(CONVERTED(to_char("-128", overflow)), "-128");
-  EXPECT_EQ(CONVERTED(to_char(" +127", overflow)), "127");
+TEST(StringFunction, ConversionsAtTheirOverflowEdges) {
   EXPECT_EQ(CONVERTED(to_char("128", overflow)), "0 overflow");
-  EXPECT_EQ(CONVERTED(to_uchar("255", overflow)), "255");
-  EXPECT_EQ(CONVERTED(to_uchar("256", overflow)), "0 overflow");
-  EXPECT_EQ(CONVERTED(hex_to_uchar("ff", overflow)), "255");
   EXPECT_EQ(CONVERTED(hex_to_uchar("0x7F", overflow)), "127");
   EXPECT_EQ(CONVERTED(hex_to_uchar("100", overflow)), "0 overflow");
-  EXPECT_EQ(CONVERTED(to_ssize_t("-9223372036854775808", overflow)), "-9223372036854775808");
-  EXPECT_EQ(CONVERTED(to_ssize_t("9223372036854775808", overflow)), "0 overflow");
   EXPECT_EQ(CONVERTED(stoi("", overflow)), "0");  // no digits is 0, not an error
   EXPECT_EQ(CONVERTED(stoi("\t\r\n +42abc", overflow)), "42");
-  EXPECT_EQ(CONVERTED(stoi("-2147483648", overflow)), "-2147483648");
   EXPECT_EQ(CONVERTED(stoi("2147483648", overflow)), "0 overflow");
   EXPECT_EQ(CONVERTED(stoi("--1", overflow)), "0 overflow");
-  EXPECT_EQ(CONVERTED(stou("4294967295", overflow)), "4294967295");
   EXPECT_EQ(CONVERTED(stou("4294967296", overflow)), "0 overflow");
   // The overflow test is "the new value is below the old": this wrap lands above it
   // (477218589 * 10 + 0 wraps to 477218594) and passes unflagged.
   EXPECT_EQ(CONVERTED(stou("4772185890", overflow)), "477218594");
-  EXPECT_EQ(CONVERTED(stoll("9223372036854775807", overflow)), "9223372036854775807");
   EXPECT_EQ(CONVERTED(stoll("9223372036854775808", overflow)), "0 overflow");
   bool overflow = true;
   EXPECT_EQ(stoull("18446744073709551615", overflow), 18446744073709551615ull);
@@ -380,27 +304,17 @@ TEST(StringFunction, IntegerConversionsAtTheirOverflowEdges) {
   EXPECT_TRUE(overflow);
   EXPECT_EQ(err.rfind("aaaa1 Log: chars_to_ulong() ulong_prior=", 0), 0u) << err;
   EXPECT_EQ(err.size() >= 2 ? err.substr(err.size() - 2) : err, "\r\n");
-}
-
-TEST(StringFunction, FloatingConversions) {
-  bool overflow = true;
   EXPECT_DOUBLE_EQ(stod(" +2.5x", overflow), 2.5);
   EXPECT_FALSE(overflow);
-  EXPECT_EQ(stod("1e400", overflow), 0.0);
-  EXPECT_TRUE(overflow);
   EXPECT_EQ(stof("1e39", overflow), 0.0f);
   EXPECT_TRUE(overflow) << "beyond float, though within double";
-  EXPECT_EQ(stold("1e400", overflow), 1e400L) << "within long double";
-  EXPECT_FALSE(overflow);
   EXPECT_TRUE(std::isinf(stod("inf")));
 }
 
 TEST(StringFunction, KeyValueLinesIntoMap) {
   vector<string> lines;
-  for (const char* line : {" name = quorla ", "version=1.07", "empty=", "no separator", " = no key", "url=a=b",
-                           "name=\tsecond\r"}) {
+  for (const char* line : {" name = quorla ", "version=1.07", "empty=", "no separator", " = no key", "url=a=b", "name=\tsecond\r"})
     lines.push_back(string(line));
-  }
   unordered_map<string, string> map;
   EXPECT_EQ(vector_string_to_umap_string_key_value(lines, "=", map), 5u);
   std::string all;
@@ -411,12 +325,6 @@ TEST(StringFunction, KeyValueLinesIntoMap) {
   // A later key replaces the value; the split is at the first separator.
   EXPECT_EQ(all, "second;1.07;;a=b;<missing>;<missing>;");
   EXPECT_EQ(map.size(), 4u);
-
-  vector<string> wide;
-  wide.push_back(string("k := v := w"));
-  unordered_map<string, string> wide_map;
-  EXPECT_EQ(vector_string_to_umap_string_key_value(wide, " := ", wide_map), 1u);
-  EXPECT_EQ(str(wide_map.find(string("k"))->value), "v := w");
 }
 
 }  // namespace
