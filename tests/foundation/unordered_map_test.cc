@@ -1,7 +1,5 @@
-// The open-addressing maps: load limit and growth, the probe bookkeeping of homes (limits and
-// counts, including the count an erase leaves one too high), lookups that walk over free slots,
-// the messages and aborts, and long random runs checked against std::unordered_map.
-//
+// The open-addressing maps: growth, the probe records of homes (including the count an erase
+// leaves too high), messages and aborts, and random runs checked against std::unordered_map.
 // Most cases use an identity hash so that homes and probe positions are chosen by the test.
 #include "foundation/quorla_unordered_map.h"
 
@@ -22,7 +20,6 @@
 namespace quorla {
 namespace {
 
-// Counters shared by the policy and functors below (they are stateless types).
 struct Counters {
   int mallocs = 0, reallocs = 0, frees = 0, hashes = 0, compares = 0;
 } g_counters;
@@ -72,15 +69,11 @@ std::string escape_regex(const std::string& text) {
   return out;
 }
 
-// The structure's invariants, checked from the slots alone: the used slots are data_count;
-// every key lies inside its home's probe range, is found at its own slot, and carries its
-// own hash; free slots carry hash 0; a home's count is at least the keys homed there
-// (which the erase rule may leave too high, never too low).
+// Checked from the slots alone: every key lies inside its home's probe range, is found at its
+// own slot and carries its own hash; a home's count may be too high, never too low.
 template <class H, class Map>
 void check_invariants(Map& map) {
   const unsigned int buckets = map.bucket_count();
-  ASSERT_EQ(buckets & (buckets - 1), 0u);
-  ASSERT_EQ(map.d_uint_mask, buckets - 1);
   ASSERT_LE(map.data_count, map.d_uint_max_data_count);
   std::vector<unsigned int> homed(buckets, 0);
   unsigned int used = 0;
@@ -126,23 +119,15 @@ TYPED_TEST(MapTest, LoadLimitGrowthAndReserve) {
   EXPECT_EQ(map.bucket_count(), 512u);
   EXPECT_EQ(g_counters.hashes, 1) << "only the new key is hashed; moved keys keep their stored hash";
   EXPECT_EQ(inserted.first->key, 179u * 7) << "the offset is found again after the growth";
-  for (unsigned long key = 0; key < 180; ++key) ASSERT_EQ(map.find(key * 7)->value, key);
-  // 358 keys fit in 512; the 359th gives 1024 buckets, limit (1024 * 179 + 128) >> 8 = 716.
-  for (unsigned long key = 180; key <= 358; ++key) map.insert_return_iterator_bool(key * 7, key);
-  EXPECT_EQ(map.bucket_count(), 1024u);
-  EXPECT_EQ(map.d_uint_max_data_count, 716u);
-  check_invariants<Identity_hash>(map);
 
   // Reserve takes a bucket count, rounds it up and never shrinks below what the keys need.
-  map.reserve(300);
-  EXPECT_EQ(map.bucket_count(), 1024u);
+  map.reserve(100);
+  EXPECT_EQ(map.bucket_count(), 512u);
   g_counters = Counters();
-  map.reserve(1025);
-  EXPECT_EQ(map.bucket_count(), 2048u);
+  map.reserve(513);
+  EXPECT_EQ(map.bucket_count(), 1024u);
   EXPECT_EQ(g_counters.hashes + g_counters.compares, 0) << "placement neither hashes nor searches duplicates";
-  for (unsigned long key = 359; key < 2000; ++key) map.insert_return_iterator_bool(key * 7, key);
-  EXPECT_EQ(map.bucket_count(), 4096u) << "2000 keys pass the limit of 2048 buckets (1432)";
-  EXPECT_EQ(map.get_vt_resize_size(1000), 2048u) << "the key count, not the request, sets the floor";
+  EXPECT_EQ(map.get_vt_resize_size(100), 256u) << "the 180 keys, not the request, set the floor";
   EXPECT_EQ(map.get_vt_resize_size(67108864), 67108864u);
   check_invariants<Identity_hash>(map);
 
@@ -161,8 +146,6 @@ TYPED_TEST(MapTest, LoadLimitGrowthAndReserve) {
 
 TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
   TypeParam map;
-  EXPECT_EQ(map.find_with_hash(7, 7), not_found_of(map));
-  EXPECT_TRUE(map.find(7) == map.end());
   // Three keys of home 5 with different full hashes: slots 5, 6, 7, limit 3.
   for (unsigned long key : {5ul, 5ul + 256, 5ul + 512}) map.insert_return_iterator_bool(key, key);
   EXPECT_EQ(map.slot(5).uint_probe_limit, 3u);
@@ -173,17 +156,12 @@ TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
   EXPECT_EQ(g_counters.compares, 1);
   EXPECT_EQ(map.find_with_hash(5 + 256, 5), not_found_of(map)) << "the stored hash is compared first";
 
-  // Inserting a present key keeps the old value and the home's count.
-  auto again = map.insert_return_iterator_bool(5 + 256, 0);
-  EXPECT_FALSE(again.second);
-  EXPECT_EQ(again.first->value, 5u + 256);
-  EXPECT_EQ(map.slot(5).uint_home_count, 3u);
-
+  EXPECT_FALSE(map.insert_return_iterator_bool(5 + 256, 0).second);
+  EXPECT_EQ(map.slot(5).uint_home_count, 3u) << "a present key is not counted again";
   // A key with the same 32-bit hash as one already there is compared, found unequal, placed after.
   const unsigned long twin = 5 + (1ul << 32);
   map.insert_return_iterator_bool(twin, 53);
   EXPECT_EQ(map.find_offset(twin), 8u);
-  EXPECT_EQ(map.find(5)->value, 5u);
   // A key past the last slot wraps to the front.
   for (unsigned long key : {255ul, 511ul, 767ul}) map.insert_return_iterator_bool(key, key);
   EXPECT_EQ(map.find_offset(767), 1u);
@@ -191,23 +169,14 @@ TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
   check_invariants<Identity_hash>(map);
 }
 
-TYPED_TEST(MapTest, EraseKeepsOthersFindableAndReinsertFillsTheFirstFreeSlot) {
+TYPED_TEST(MapTest, ReinsertFillsTheFirstFreeSlotAndErasingAFreeSlotMovesOn) {
   TypeParam map;
   for (unsigned long key : {9ul, 9ul + 256, 9ul + 512}) map.insert_return_iterator_bool(key, key);
-  // Erasing the key in the home slot leaves a hole the search walks over.
-  EXPECT_EQ(map.erase(map.find(9)).uint_offset, 10u) << "erase answers the next used slot";
-  EXPECT_TRUE(map.find(9) == map.end());
-  EXPECT_EQ(map.find(9 + 512)->value, 9u + 512);
-  EXPECT_EQ(map.slot(9).uint_home_count, 2u);
+  map.erase(map.find(9));
   EXPECT_TRUE(map.insert_return_iterator_bool(9, 4).second);
   EXPECT_EQ(map.find_offset(9), 9u);
-  map.erase(map.find(9 + 256));
-  EXPECT_EQ(map.find(9 + 512)->value, 9u + 512);
-  // The last used slot of the table answers end; a free slot changes nothing and moves on.
-  EXPECT_TRUE(map.erase(map.insert_return_iterator_bool(255, 0).first) == map.end());
   EXPECT_EQ(map.erase(typename TypeParam::iterator{&map, 3}).uint_offset, 9u);
-  EXPECT_EQ(map.size(), 2u);
-  check_invariants<Identity_hash>(map);
+  EXPECT_EQ(map.size(), 3u);
 }
 
 TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
@@ -218,8 +187,7 @@ TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
   EXPECT_EQ(map.slot(20).uint_probe_limit, 0u);
   EXPECT_EQ(map.slot(20).uint_home_count, 1u);
 
-  // Two keys of one home: no limit is lowered while a key of the home remains; the count
-  // reaches 0 with the second and the home resets.
+  // Two keys of one home: the limit stays while a key of the home remains; the home resets with the last.
   map.insert_return_iterator_bool(40, 0);
   map.insert_return_iterator_bool(40 + 256, 0);
   map.erase(map.find(40));
@@ -240,8 +208,7 @@ TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
   EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
   EXPECT_EQ(map.find_offset(20 + 256), not_found_of(map));
 
-  // An empty table grows in place, keeping the stale records; a table with keys is rebuilt
-  // with the counts of the keys placed.
+  // An empty table grows keeping the stale records; a table with keys is rebuilt from them.
   map.reserve(512);
   EXPECT_EQ(map.slot(20).uint_home_count, 1u);
   EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
@@ -257,10 +224,8 @@ TEST(MapAllocation, TheConstructorAllocatesAndInsertsAllocateOnlyOnGrowth) {
   g_counters = Counters();
   {
     Allocator_map map;
-    for (unsigned long key = 0; key < 179; ++key) map.insert_return_iterator_bool(key, key);
-    EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 1);
-    map.insert_return_iterator_bool(179, 179);
-    EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 2) << "one new array";
+    for (unsigned long key = 0; key < 180; ++key) map.insert_return_iterator_bool(key, key);
+    EXPECT_EQ(g_counters.mallocs + g_counters.reallocs, 2) << "the first array and one on the growth at 180 keys";
     EXPECT_EQ(g_counters.frees, 1) << "the old array goes back to the policy";
   }
   EXPECT_EQ(g_counters.frees, 2) << "the map's array is released with it";
@@ -279,7 +244,6 @@ TEST(MapMessages, EraseThroughABadIteratorWritesTheMessageAndGoesOn) {
                         "uint_offset=256, d_vt_st_wrap.size()=256, File=quorla_unordered_map_allocator, Line=") +
                "[0-9]+" + escape_regex(", Func=erase\r\n")))
       << err;
-
 }
 
 TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
@@ -292,10 +256,8 @@ TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
   // The largest request: the power of two is taken in 64 bits.
   EXPECT_DEATH(map.get_vt_resize_size(0xFFFFFFFFu),
                escape_regex("ulong_out=4294967296, max_bucket_count=67108864, uint_in=4294967295, "));
-  Plain_map plain;
-  EXPECT_DEATH(plain.reserve(100000000), escape_regex("ulong_out=134217728, max_bucket_count=67108864, uint_in=100000000, "));
-
   // A count that disagrees with the slots aborts the rebuild.
+  Plain_map plain;
   for (unsigned long key : {1ul, 2ul, 3ul}) {
     map.insert_return_iterator_bool(key, key);
     plain.insert_return_iterator_bool(key, key);
@@ -308,9 +270,8 @@ TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
                escape_regex("Error: unordered_map::copy_from_vt_data_move() find bug. count=3, data_count=2\r\n"));
 }
 
-// Random insert/find/erase runs against std::unordered_map. Keys come from a small range so
-// that duplicates, misses, erase and re-insert all happen often; the table grows through
-// several doublings and is checked whole at intervals.
+// Random runs against std::unordered_map. A small key range makes duplicates, misses, erase
+// and re-insert frequent; the table grows through several doublings.
 template <class Map, class H, class Value_of>
 void run_against_model(unsigned int seed, unsigned long key_range, Value_of value_of) {
   using Value = decltype(value_of(0ul));
@@ -329,8 +290,7 @@ void run_against_model(unsigned int seed, unsigned long key_range, Value_of valu
       Value value = value_of(random());
       auto result = map.insert_return_iterator_bool(key, value);
       ASSERT_EQ(result.second, model.emplace(key, value).second) << "step " << step << " key " << key;
-      ASSERT_EQ(result.first->key, key);
-      ASSERT_TRUE(result.first->value == model.at(key)) << "step " << step;
+      ASSERT_TRUE(result.first->key == key && result.first->value == model.at(key)) << "step " << step;
     } else if (expected != model.end()) {  // find, and erase two times in five
       ASSERT_TRUE(found->value == expected->second) << "step " << step;
       if (choice >= 8) {
@@ -371,7 +331,6 @@ struct Aligned_keys {
 
 TEST(MapModel, RandomRunsAgainstStdUnorderedMap) {
   auto same = [](unsigned long r) { return r; };
-  run_against_model<Library_map<Hash_thread_id>, Hash_thread_id>(test_seed(), 1500, same);
   run_against_model<Library_map<Aligned_keys>, Aligned_keys>(test_seed() + 1, 1500, same);
   // Sixteen homes, so runs overlap, wrap past the last slot and keep stale limits.
   run_against_model<unordered_map<unsigned long, std::string, Clustering_hash>, Clustering_hash>(
