@@ -22,20 +22,12 @@ std::string str(const string& s) { return std::string(s.c_str(), s.size()); }
 string bytes(const std::string& s) { return string(s.data(), static_cast<unsigned int>(s.size())); }
 
 // Runs `call`, which edits the string `s` made from `in`, and checks its count and the text left.
-#define EXPECT_EDIT(in, call, count, out)        \
-  do {                                           \
-    string s = bytes(in);                        \
-    EXPECT_EQ(call, count) << "on \"" << in << '"'; \
-    EXPECT_EQ(str(s), out) << "on \"" << in << '"'; \
-  } while (0)
+#define EXPECT_EDIT(in, call, count, out) \
+  do { string s = bytes(in); EXPECT_EQ(call, count) << in; EXPECT_EQ(str(s), out) << in; } while (0)
 
 // Runs `call`, which cuts into `out` (stale beforehand), and checks its answer and out.
 #define EXPECT_CUT(call, found, text) \
-  do {                                \
-    string out("stale");              \
-    EXPECT_EQ(call, found);           \
-    EXPECT_EQ(str(out), text);        \
-  } while (0)
+  do { string out("stale"); EXPECT_EQ(call, found); EXPECT_EQ(str(out), text); } while (0)
 
 template <class F>
 void expect_each(F is, std::initializer_list<std::string> texts, bool expected) {
@@ -272,11 +264,11 @@ TEST(StringFunction, RandomTextUsesTheWholeAlphabetAndNothingElse) {
 }
 
 // Runs a conversion with a stale flag and gives "value" or "value overflow".
-#define CONVERTED(call)                                                                      \
-  [&] {                                                                                      \
-    bool overflow = true;                                                                    \
-    auto value = call;                                                                       \
-    return std::to_string(static_cast<long long>(value)) + (overflow ? " overflow" : "");   \
+#define CONVERTED(call) \
+  [&] {                                                                                   \
+    bool overflow = true;                                                                 \
+    auto value = call;                                                                    \
+    return std::to_string(static_cast<long long>(value)) + (overflow ? " overflow" : ""); \
   }()
 
 TEST(StringFunction, ConversionsAtTheirOverflowEdges) {
@@ -307,7 +299,8 @@ TEST(StringFunction, ConversionsAtTheirOverflowEdges) {
 
 TEST(StringFunction, KeyValueLinesIntoMap) {
   vector<string> lines;
-  for (const char* line : {" name = quorla ", "version=1.07", "empty=", "no separator", " = no key", "url=a=b", "name=\tsecond\r"})
+  for (const char* line : {" name = quorla ", "version=1.07", "empty=", "no separator", " = no key", "url=a=b",
+                           "name=\tsecond\r"})
     lines.push_back(string(line));
   unordered_map<string, string> map;
   EXPECT_EQ(vector_string_to_umap_string_key_value(lines, "=", map), 5u);

@@ -26,7 +26,7 @@ struct Counters {
 
 struct Counting_store {
   void* malloc(unsigned long& size) const { ++g_counters.mallocs; return ::malloc(size); }
-  void* realloc(void* ptr, unsigned long, unsigned long& new_size) const { ++g_counters.reallocs; return ::realloc(ptr, new_size); }
+  void* realloc(void* ptr, unsigned long, unsigned long& size) const { ++g_counters.reallocs; return ::realloc(ptr, size); }
   void free(void* ptr, unsigned long) const { ++g_counters.frees; ::free(ptr); }
 };
 // The key is its own hash (cut to 32 bits by the map), and every call is counted.

@@ -19,7 +19,9 @@ namespace {
 std::vector<std::string> g_log;
 unsigned long g_round_to = 0;  // when set, the policy raises every size to a multiple of it
 
-unsigned long rounded(unsigned long size) { return g_round_to == 0 ? size : (size + g_round_to - 1) / g_round_to * g_round_to; }
+unsigned long rounded(unsigned long size) {
+  return g_round_to == 0 ? size : (size + g_round_to - 1) / g_round_to * g_round_to;
+}
 
 struct Malloc_recording {
   void* operator()(unsigned long& size) const {
