@@ -92,7 +92,7 @@ TEST(BitArray, RunHelpersAgreeWithANaiveModel) {
   unsigned long seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937_64 random(seed);
-  auto bit_of = [](const unsigned long long* words, unsigned int bit) { return ((words[bit >> 6] >> (bit & 63)) & 1) != 0; };
+  auto bit_of = [](const unsigned long long* words, unsigned int bit) { return (words[bit >> 6] >> (bit & 63)) & 1; };
   for (int trial = 0; trial < 20000; ++trial) {
     unsigned long long words[8];
     for (auto& word : words) word = random() & random();  // sparse bits
@@ -101,7 +101,10 @@ TEST(BitArray, RunHelpersAgreeWithANaiveModel) {
     unsigned long long masks[9];
     unsigned int n = make_ulongs_compare(start & 63, count, masks);
     bool any_set = false, all_set = true;
-    for (unsigned int bit = start; bit < start + count; ++bit) any_set |= bit_of(words, bit), all_set &= bit_of(words, bit);
+    for (unsigned int bit = start; bit < start + count; ++bit) {
+      any_set |= bit_of(words, bit);
+      all_set &= bit_of(words, bit);
+    }
     ASSERT_EQ(n, ((start & 63) + count + 63) / 64);
     ASSERT_EQ(compare_ulongs_and_is_zero(words + (start >> 6), masks, n), !any_set);
     ASSERT_EQ(compare_ulongs_and_same(words + (start >> 6), masks, n), all_set);
@@ -112,8 +115,8 @@ TEST(BitArray, RunHelpersAgreeWithANaiveModel) {
     set_ulongs_and_equal_compare_complement(cleared + (start >> 6), masks, n);
     for (unsigned int bit = 0; bit < 512; ++bit) {
       bool inside = bit >= start && bit < start + count;
-      ASSERT_EQ(bit_of(set, bit), inside || bit_of(words, bit)) << bit;
-      ASSERT_EQ(bit_of(cleared, bit), !inside && bit_of(words, bit)) << bit;
+      ASSERT_EQ(bit_of(set, bit) != 0, inside || bit_of(words, bit)) << bit;
+      ASSERT_EQ(bit_of(cleared, bit) != 0, !inside && bit_of(words, bit)) << bit;
     }
   }
   unsigned long long out[3] = {0, 0, 0x1234};

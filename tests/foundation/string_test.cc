@@ -89,7 +89,7 @@ TEST(String, CopiesAreDeepMovesLeaveZeroAndRelocationIsSafe) {
 
   // The containers grow arrays of strings by realloc: many strings survive it.
   vector<string> strings;
-  for (unsigned int i = 0; i < 300; ++i) strings.push_back(string(i % 40 + 1, static_cast<unsigned char>('a' + i % 26)));
+  for (unsigned int i = 0; i < 300; ++i) strings.push_back(string(i % 40 + 1, 'a' + i % 26));
   for (unsigned int i = 0; i < 300; ++i) ASSERT_EQ(str(strings[i]), std::string(i % 40 + 1, 'a' + i % 26));
 }
 

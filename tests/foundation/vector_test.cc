@@ -27,15 +27,22 @@ struct Calls {
 } g_calls;
 
 struct Malloc_recording {
-  void* operator()(unsigned long& size) const { return g_calls.note("malloc ", size), ::malloc(size); }
+  void* operator()(unsigned long& size) const {
+    g_calls.note("malloc ", size);
+    return ::malloc(size);
+  }
 };
 struct Realloc_recording {
   void* operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
-    return g_calls.note("realloc " + std::to_string(old_size) + " ", new_size), ::realloc(ptr, new_size);
+    g_calls.note("realloc " + std::to_string(old_size) + " ", new_size);
+    return ::realloc(ptr, new_size);
   }
 };
 struct Free_recording {
-  void operator()(void* ptr, unsigned long size) const { g_calls.log.push_back("free " + std::to_string(size)), ::free(ptr); }
+  void operator()(void* ptr, unsigned long size) const {
+    g_calls.log.push_back("free " + std::to_string(size));
+    ::free(ptr);
+  }
 };
 using Recording = Memory_allocator<Malloc_recording, Realloc_recording, Free_recording>;
 
