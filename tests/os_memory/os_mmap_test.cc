@@ -138,18 +138,9 @@ TEST_F(Os_mmap_test, AlignmentTrickBothOutcomesForRegionsAndBlocks) {
   }
 }
 
-TEST_F(Os_mmap_test, PagePrefaultFollowsTheSetting) {
-  for (bool prefault : {false, true}) {
-    g_bool_memory_enable_page_prefault = prefault;
-    unsigned long size = 16 * k_page;
-    void* page = os_malloc_mmap_page(size);
-    EXPECT_EQ(resident_pages(page, size), prefault ? 16u : 1u) << prefault;
-    unmap_page(page, size);
-  }
-}
-
 // Realloc from null or a zero old size is a plain mapping; otherwise it copies the smaller
-// rounded size and unmaps the rounded old size. Sizes are written back.
+// rounded size and unmaps the rounded old size. Sizes are written back. Prefault is on for
+// the malloc case only.
 TEST_F(Os_mmap_test, PageMappingsAndReallocRoundUpCopyAndCountExactly) {
   unsigned char dummy = 0;
   struct Case {  // old 0: nothing mapped
@@ -167,9 +158,11 @@ TEST_F(Os_mmap_test, PageMappingsAndReallocRoundUpCopyAndCountExactly) {
     for (unsigned long i = 0; i < old_size; ++i) old_ptr[i] = static_cast<unsigned char>(i * 7 + 1);
     size_t before = mapped();
     unsigned long size = c.ulong_asked;
+    g_bool_memory_enable_page_prefault = c.bool_malloc;
     unsigned char* ptr = bytes(c.bool_malloc ? os_malloc_mmap_page(size) : os_realloc_mmap_page(old_ptr, c.ulong_old_given, size));
     ASSERT_TRUE(ptr != nullptr && ptr != &dummy);
     EXPECT_EQ(size, c.ulong_expected);
+    EXPECT_TRUE(old_size != 0 || resident_pages(ptr, size) == (c.bool_malloc ? size / k_page : 1u));
     EXPECT_EQ(static_cast<long>(mapped() - before), static_cast<long>(size - old_size));
     EXPECT_TRUE(old_size == 0 || is_unmapped(old_ptr, old_size));
     for (unsigned long i = 0; i < size; ++i) {
