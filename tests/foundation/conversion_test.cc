@@ -9,6 +9,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <type_traits>
 
 #include "foundation/quorla_bit_array.h"
 #include "foundation/quorla_memory_util.h"
@@ -17,42 +18,33 @@
 namespace quorla {
 namespace {
 
-template <typename F>
-auto parse(F function, const char* text, bool& overflow) {
-  return function(text, strlen(text), overflow);
+// The flag starts opposite to the expected one, so a parser that never writes it is seen.
+template <typename R>
+void expect_parse(R (*function)(const char*, unsigned long, bool&), const char* text,
+                  typename std::common_type<R>::type value, bool overflow) {
+  bool flag = !overflow;
+  EXPECT_EQ(function(text, strlen(text), flag), value) << text;
+  EXPECT_EQ(flag, overflow) << text;
 }
 
-TEST(Parsers, LeadingCharactersSignsAndStops) {
+TEST(Parsers, SignsStopsAndOverflow) {
+  expect_parse(chars_to_uint, "abc", 0u, false);
+  expect_parse(chars_to_uint, " \t\r\n+12x", 12u, false);
+  expect_parse(chars_to_int, "-42,", -42, false);
+  expect_parse(chars_to_int, "--1", 0, true);
+  expect_parse(chars_to_short, "-32768", -32768, false);
+  expect_parse(chars_to_short, "32768", 0, true);
+  expect_parse(chars_to_uint, "4294967296", 0u, true);  // 429496729 * 10 + 6 wraps to 0, below the old value
+  // 500000000 * 10 wraps to 705032704, above the old value: the overflow passes unnoticed.
+  expect_parse(chars_to_uint, "5000000000", 705032704u, false);
+  expect_parse(chars_hex_to_ulong, "0x00ff,0f", 0xFFul, false);
+  expect_parse(chars_hex_to_uint, "  DeadBeef", 0xDEADBEEFu, false);
+  expect_parse(chars_hex_to_ushort, "zz", 0, false);
   bool overflow = true;
-  EXPECT_EQ(parse(chars_to_uint, "abc", overflow), 0u);
-  EXPECT_FALSE(overflow);
-  EXPECT_EQ(parse(chars_to_uint, " \t\r\n+12x", overflow), 12u);
-  EXPECT_EQ(parse(chars_to_int, "--1", overflow), 0);
-  EXPECT_TRUE(overflow);
-  EXPECT_EQ(parse(chars_to_short, "-32768", overflow), -32768);
-  EXPECT_FALSE(overflow);
-  EXPECT_EQ(parse(chars_to_short, "32768", overflow), 0);
-  EXPECT_TRUE(overflow);
   EXPECT_EQ(chars_to_uint("123", 2, overflow), 12u) << "the length bounds the text";
-  EXPECT_EQ(parse(chars_hex_to_ulong, "0x00ff,0f", overflow), 0xFFu);
-  EXPECT_EQ(parse(chars_hex_to_uint, "  DeadBeef", overflow), 0xDEADBEEFu);
-  EXPECT_EQ(parse(chars_hex_to_ushort, "zz", overflow), 0u);
-  EXPECT_FALSE(overflow);
-}
-
-TEST(Parsers, OverflowIsSeenOnlyWhenTheValueFallsAndUlongLogsIt) {
-  bool overflow = false;
-  // 4294967296: 429496729 * 10 + 6 wraps to 0, below the old value: caught.
-  EXPECT_EQ(parse(chars_to_uint, "4294967296", overflow), 0u);
-  EXPECT_TRUE(overflow);
-  // 5000000000: 500000000 * 10 wraps to 705032704, above the old value: passes, by design.
-  unsigned int passed = parse(chars_to_uint, "5000000000", overflow);
-  EXPECT_FALSE(overflow) << "a wrap that lands above the old value goes unnoticed";
-  EXPECT_EQ(passed, 705032704u);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(parse(chars_to_ulong, "99999999999999999999", overflow), 0u);
+  expect_parse(chars_to_ulong, "99999999999999999999", 0ul, true);
   std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(overflow);
   EXPECT_EQ(err.rfind("aaaa1 Log: chars_to_ulong() ulong_prior=9999999999999999999, ulong_out=", 0), 0u) << err;
   EXPECT_NE(err.find(", chars_in=99999999999999999999\r\n"), std::string::npos) << err;
 }
@@ -68,10 +60,12 @@ TEST(Numbers, DecimalHexAndFractions) {
   EXPECT_STREQ(ptr_void_to_hex_lower_front_no_zero(bytes, 3, 0, out), "abc");
 }
 
-TEST(PowerOfTwo, RulesAndAborts) {
+TEST(PowerOfTwoDeathTest, RulesAndAborts) {
   EXPECT_EQ(get_2power_great_or_equal_to(0), 1u);
   EXPECT_EQ(get_2power_great_or_equal_to(3), 4u);
-  EXPECT_EQ(get_2power_great_or_equal_to(100, 3), 192u) << "min times a power of two";
+  // {value, min, result}: the result is min times a power of two.
+  const unsigned long long with_min[][3] = {{16, 256, 256}, {257, 256, 512}, {100, 3, 192}};
+  for (auto& c : with_min) EXPECT_EQ(get_2power_great_or_equal_to(c[0], c[1]), c[2]) << c[0] << " " << c[1];
   EXPECT_EQ(get_2power_great_or_equal_to_uint(33, 32), 64u);
   EXPECT_DEATH(get_2power_great_or_equal_to(0x8000000000000001ull),
                "^Error: get_2power_great_or_equal_to\\(\\) overflow\\. ulong_in=9223372036854775809\r\n$");
@@ -81,19 +75,12 @@ TEST(PowerOfTwo, RulesAndAborts) {
                "^Error: get_2power_great_or_equal_to_uint\\(\\) overflow\\. uint_in=2147483649\r\n$");
 }
 
-TEST(BitArray, WholeWordMasksStopAtTheirCount) {
-  unsigned long long out[4] = {};
-  out[2] = 0x1234;
-  EXPECT_EQ(make_ulongs_compare_offset_zero(128, out), 2u);
-  EXPECT_EQ(out[1], ~0ull);
-  EXPECT_EQ(out[2], 0x1234ull) << "no third word written";
-}
-
 // The run helpers against a naive bit-by-bit model over 512 bits, at random offsets.
 TEST(BitArray, RunHelpersAgreeWithANaiveModel) {
   unsigned long seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937_64 random(seed);
+  auto bit_of = [](const unsigned long long* words, unsigned int bit) { return (words[bit >> 6] >> (bit & 63)) & 1; };
   for (int trial = 0; trial < 20000; ++trial) {
     unsigned long long words[8];
     for (auto& word : words) word = random() & random();  // sparse bits
@@ -103,27 +90,29 @@ TEST(BitArray, RunHelpersAgreeWithANaiveModel) {
     unsigned int n = make_ulongs_compare(start & 63, count, masks);
     bool any_set = false, all_set = true;
     for (unsigned int bit = start; bit < start + count; ++bit) {
-      bool set = (words[bit >> 6] >> (bit & 63)) & 1;
-      any_set |= set;
-      all_set &= set;
+      any_set |= bit_of(words, bit);
+      all_set &= bit_of(words, bit);
     }
     ASSERT_EQ(compare_ulongs_and_is_zero(words + (start >> 6), masks, n), !any_set);
     ASSERT_EQ(compare_ulongs_and_same(words + (start >> 6), masks, n), all_set);
-    // Setting the run then clearing it: each bit outside keeps its value, each inside is set then clear.
     unsigned long long set[8], cleared[8];
     memcpy(set, words, sizeof(words));
     set_ulongs_or_equal_compare(set + (start >> 6), masks, n);
-    memcpy(cleared, set, sizeof(set));
+    memcpy(cleared, set, sizeof(words));
     set_ulongs_and_equal_compare_complement(cleared + (start >> 6), masks, n);
     for (unsigned int bit = 0; bit < 512; ++bit) {
-      const bool inside = bit >= start && bit < start + count, before = (words[bit >> 6] >> (bit & 63)) & 1;
-      ASSERT_EQ((set[bit >> 6] >> (bit & 63)) & 1, inside || before ? 1u : 0u) << bit;
-      ASSERT_EQ((cleared[bit >> 6] >> (bit & 63)) & 1, !inside && before ? 1u : 0u) << bit;
+      bool inside = bit >= start && bit < start + count;
+      ASSERT_EQ(bit_of(set, bit) != 0, inside || bit_of(words, bit)) << bit;
+      ASSERT_EQ(bit_of(cleared, bit) != 0, !inside && bit_of(words, bit)) << bit;
     }
   }
+  unsigned long long out[3] = {0, 0, 0x1234};
+  EXPECT_EQ(make_ulongs_compare_offset_zero(128, out), 2u);
+  EXPECT_EQ(out[1], ~0ull);
+  EXPECT_EQ(out[2], 0x1234ull) << "no third word written";
 }
 
-TEST(MemoryUtil, FillAndCopyCoverEveryByte) {
+TEST(MemoryUtil, FillCopyAndFileRead) {
   std::string buffer(3 * 4096 + 17, 'x');
   quorla_memset(&buffer[0], 'a', buffer.size());
   EXPECT_EQ(buffer, std::string(buffer.size(), 'a'));
@@ -132,9 +121,8 @@ TEST(MemoryUtil, FillAndCopyCoverEveryByte) {
   EXPECT_EQ(target, source);
   quorla_memset(&target[0], 'w', 0);
   EXPECT_EQ(target[0], 'q') << "n == 0 touches nothing";
-}
 
-TEST(MemoryUtil, FileToCharsReadsAtMostSizeLessOne) {
+  // file_to_chars reads at most size - 1 bytes and leaves an empty text when it cannot open.
   char path[] = "/tmp/quorla_file_to_charsXXXXXX";
   int descriptor = mkstemp(path);
   ASSERT_GE(descriptor, 0);
@@ -149,7 +137,7 @@ TEST(MemoryUtil, FileToCharsReadsAtMostSizeLessOne) {
   EXPECT_EQ(out[0], 0);
 }
 
-TEST(StackMessage, BuildsTheLineWithoutDirectoriesOrExtension) {
+TEST(StackMessageDeathTest, BuildsTheLineAndStopsOnOverrun) {
   Stack_message<1024> message;
   message.text("Error: x failed. size=").dec(4096).text(", ptr=").hex_lower(0x7f00aabbccddull);
   message.source("/a/b/quorla_vector_allocator.h", 42, "reserve");
@@ -158,10 +146,7 @@ TEST(StackMessage, BuildsTheLineWithoutDirectoriesOrExtension) {
   char name[64];
   append_source_file_name("C:\\src\\quorla_x.cc", name, sizeof(name));
   EXPECT_STREQ(name, "quorla_x");
-}
-
-TEST(StackMessage, AnOverrunStopsTheProcess) {
-  // The overrun check stops the process before the terminator would be written past the array.
+  // The bounds check stops the process before the terminator would be written past the array.
   EXPECT_EXIT(Stack_message<16>().text("0123456789abcdef"), testing::KilledBySignal(SIGABRT), "");
 }
 

@@ -155,8 +155,7 @@ TEST_F(VectorTest, OwningPointersReleaseOnceThroughTheirAllocator) {
   {
     vector_allocator<Owner, Recording> owners;
     unsigned long size = sizeof(Counted);
-    owners.push_back(Owner(new (Recording().malloc(size)) Counted()));
-    owners.push_back(Owner(new (Recording().malloc(size)) Counted()));
+    for (int i = 0; i < 2; ++i) owners.push_back(Owner(new (Recording().malloc(size)) Counted()));
     owners.erase_fast(0);
   }
   EXPECT_EQ(std::count(g_log.begin(), g_log.end(), "free " + std::to_string(sizeof(Counted))), 2);

@@ -6,8 +6,8 @@
 #include <sched.h>
 
 #include <cstring>
-#include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "page_heap/quorla_bitmap_page_part_cpu.h"
@@ -16,18 +16,13 @@
 namespace quorla {
 namespace {
 
-struct Entry_state {
-  unsigned int pieces = 0;
-  unsigned long free_pages = 0;
-  bool operator==(const Entry_state& other) const { return pieces == other.pieces && free_pages == other.free_pages; }
-};
-
-Entry_state state_of(Memory_page_part_cpu& entry) {
-  Entry_state state;
+// The pieces an entry holds and their free pages, read under the entry's lock.
+std::pair<unsigned int, unsigned long> state_of(Memory_page_part_cpu& entry) {
   entry.mutex_group.lock();
-  for (unsigned int i = 0; i < entry.vt_normal.size(); ++i) state.free_pages += entry.vt_normal[i].ptr_t->uint_free_bit;
-  for (unsigned int i = 0; i < entry.vt_full.size(); ++i) state.free_pages += entry.vt_full[i].ptr_t->uint_free_bit;
-  state.pieces = entry.vt_normal.size() + entry.vt_full.size();
+  unsigned long free_pages = 0;
+  for (unsigned int i = 0; i < entry.vt_normal.size(); ++i) free_pages += entry.vt_normal[i].ptr_t->uint_free_bit;
+  for (unsigned int i = 0; i < entry.vt_full.size(); ++i) free_pages += entry.vt_full[i].ptr_t->uint_free_bit;
+  std::pair<unsigned int, unsigned long> state(entry.vt_normal.size() + entry.vt_full.size(), free_pages);
   entry.mutex_group.unlock();
   return state;
 }
@@ -40,12 +35,17 @@ bool run_on_cpu(int cpu, F fn) {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(cpu, &set);
-    if (pthread_setaffinity_np(pthread_self(), sizeof(set), &set) != 0) return;
-    if (sched_getcpu() != cpu) return;
+    if (pthread_setaffinity_np(pthread_self(), sizeof(set), &set) != 0 || sched_getcpu() != cpu) return;
     bound = true;
     fn();
   }).join();
   return bound;
+}
+
+// One page taken and given back: the entry exists, and its queue is applied first.
+void touch_entry() {
+  unsigned long size = 4096;
+  Free_page_part_cpu()(Malloc_page_part_cpu()(size), size);
 }
 
 TEST(PagePartCpuDeathTest, AOneThreadProcessUsesEntryZeroOnly) {
@@ -53,38 +53,16 @@ TEST(PagePartCpuDeathTest, AOneThreadProcessUsesEntryZeroOnly) {
   EXPECT_EXIT(
       {
         bool ok = !g_bool_memory_use_thread;
-        std::vector<void*> blocks;
         // Page runs and many small classes: the heap's metadata grows from the supply.
-        for (int i = 0; i < 4000; ++i) blocks.push_back(quorla_malloc(static_cast<size_t>(16 + (i % 97) * 4000)));
-        for (int i = 0; i < 50; ++i) {
-          unsigned long size = 4096ul * (1 + i % 40);
-          blocks.push_back(Malloc_page_part_cpu()(size));
-        }
+        for (int i = 0; i < 4000; ++i) quorla_malloc(static_cast<size_t>(16 + (i % 97) * 4000));
+        unsigned long size = 0;
+        for (int i = 0; i < 50; ++i) Malloc_page_part_cpu()(size = 4096ul * (1 + i % 40));
         ok = ok && !g_bool_memory_use_thread && g_ar_memory_malloc_page_part_cpu[0].vt_normal.size() != 0;
-        for (unsigned int entry = 1; entry < 8; ++entry) {
-          ok = ok && g_ar_memory_malloc_page_part_cpu[entry].vt_normal.size() == 0 &&
-               g_ar_memory_malloc_page_part_cpu[entry].vt_full.size() == 0;
-        }
+        for (unsigned int entry = 1; entry < 8; ++entry)
+          ok = ok && state_of(g_ar_memory_malloc_page_part_cpu[entry]).first == 0;
         _exit(ok ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
-}
-
-struct Page_block {
-  void* ptr;
-  unsigned long size;
-};
-
-std::vector<Page_block> take_blocks(unsigned seed, int count) {
-  std::mt19937 random(seed);
-  std::vector<Page_block> blocks;
-  for (int i = 0; i < count; ++i) {
-    unsigned long size = 4096ul * (1 + random() % 12);
-    void* ptr = Malloc_page_part_cpu()(size);
-    memset(ptr, 0x5A, size);
-    blocks.push_back({ptr, size});
-  }
-  return blocks;
 }
 
 TEST(PagePartCpu, ReleasesFromAnotherCpuWaitInTheQueueAndAreAppliedOnce) {
@@ -93,32 +71,29 @@ TEST(PagePartCpu, ReleasesFromAnotherCpuWaitInTheQueueAndAreAppliedOnce) {
   std::thread([] { quorla_free(quorla_malloc(32)); }).join();
   ASSERT_TRUE(g_bool_memory_use_thread);
   for (int owner_cpu = 0; owner_cpu < 2; ++owner_cpu) {
-    int other_cpu = 1 - owner_cpu;
     SCOPED_TRACE("blocks of entry " + std::to_string(owner_cpu));
     Memory_page_part_cpu& entry = g_ar_memory_malloc_page_part_cpu[owner_cpu];
-    Entry_state before;
-    std::vector<Page_block> blocks;
+    std::pair<unsigned int, unsigned long> before;
+    std::vector<std::pair<void*, unsigned long>> blocks;
     ASSERT_TRUE(run_on_cpu(owner_cpu, [&] {
-      unsigned long size = 4096;
-      Free_page_part_cpu()(Malloc_page_part_cpu()(size), size);  // the entry exists
+      touch_entry();
       before = state_of(entry);
-      blocks = take_blocks(owner_cpu + 7, 60);
+      for (int i = 0; i < 60; ++i) {
+        unsigned long size = 4096ul * (1 + (i * 7 + owner_cpu) % 12);
+        void* ptr = Malloc_page_part_cpu()(size);
+        memset(ptr, 0x5A, size);
+        blocks.emplace_back(ptr, size);
+      }
     })) << "could not bind to CPU " << owner_cpu;
-    Entry_state taken = state_of(entry);
-    ASSERT_TRUE(run_on_cpu(other_cpu, [&] {
-      for (const Page_block& block : blocks) Free_page_part_cpu()(block.ptr, block.size);
+    const auto taken = state_of(entry);
+    ASSERT_TRUE(run_on_cpu(1 - owner_cpu, [&] {
+      for (const auto& block : blocks) Free_page_part_cpu()(block.first, block.second);
     }));
     EXPECT_EQ(entry.uint_wait_release_count, blocks.size());
-    EXPECT_TRUE(state_of(entry) == taken) << "nothing applied before the entry's next allocation";
-    ASSERT_TRUE(run_on_cpu(owner_cpu, [&] {
-      unsigned long size = 4096;
-      void* trigger = Malloc_page_part_cpu()(size);  // applies the queue first
-      Free_page_part_cpu()(trigger, size);
-    }));
+    EXPECT_EQ(state_of(entry), taken) << "nothing applied before the entry's next allocation";
+    ASSERT_TRUE(run_on_cpu(owner_cpu, touch_entry));
     EXPECT_EQ(entry.uint_wait_release_count, 0u);
-    Entry_state after = state_of(entry);
-    EXPECT_EQ(after.free_pages, before.free_pages) << "each release applied exactly once";
-    EXPECT_EQ(after.pieces, before.pieces);
+    EXPECT_EQ(state_of(entry), before) << "each release applied exactly once";
   }
 }
 
