@@ -1,16 +1,12 @@
-// The metadata pools: the one pool algorithm on a pool with counting policies (blocks and
-// back pointers, the cursor, a piece set aside when used up and taken back at 64 free, an
-// empty piece given back only above the minimum, the first-touch mark), the per-CPU pool
-// whose releases wait in its queue, the 120-byte realloc limit, and the root pool's slots:
-// filled and emptied through prepare_ar_atomic/release_ar_atomic, and shared by several
-// threads at once without a block handed out twice or lost.
+// The metadata pools: the pool algorithm on a pool with counting policies, the per-CPU
+// pool's queued releases, the 120-byte realloc limit, and the root pool's slots, alone and
+// shared by several threads.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -130,35 +126,17 @@ TEST_F(Pool_algorithm, FirstPieceServesItsBlocksInOrderWithBackPointers) {
       ASSERT_EQ(piece_of(block), piece);
       memset(block, 0xA5, pitch - 8);  // the payload is pitch - 8 bytes; the next back pointer survives
     }
-    EXPECT_EQ(piece->uint_free_bit, 0u);
-    for (unsigned long long word : piece->ptr_ulong) EXPECT_EQ(word, ~0ull);
     EXPECT_EQ(pool.get_piece_count(), 1u) << "512 blocks fit in one piece";
     for (unsigned int i = 0; i < 512; ++i) {
       void* block = piece->ptr_byte_block + static_cast<unsigned long>(i) * pitch + 8;
-      ASSERT_EQ(piece_of(block), piece);
+      ASSERT_EQ(piece_of(block), piece) << "back pointer of block " << i << " damaged";
       Test_pool::free(block);
       ASSERT_FALSE(bit_set(piece, i));
     }
     EXPECT_EQ(piece->uint_free_bit, 512u);
-    EXPECT_EQ(pool.get_piece_count(), 1u) << "the only piece is kept when it empties";
-    EXPECT_EQ(g_counts.ulong_area_malloc - g_counts.ulong_area_free, 1u);
+    EXPECT_EQ(g_counts.ulong_area_free, 0u) << "the only piece is kept when it empties";
     check_and_drop_pool();
   }
-}
-
-TEST_F(Pool_algorithm, CursorTakesTheLowestFreeBlockFromItsWord) {
-  make_pool(128, 1);
-  std::vector<void*> blocks = take(400);
-  Test_piece* piece = pool_->ptr_first_normal;
-  Test_pool::free(blocks[300]);
-  Test_pool::free(blocks[5]);
-  EXPECT_EQ(piece->uint_next_free_bit, 5u) << "a release lowers the cursor";
-  EXPECT_EQ(pool_->pool_malloc(), blocks[5]);
-  EXPECT_EQ(piece->uint_next_free_bit, 6u);
-  EXPECT_EQ(pool_->pool_malloc(), blocks[300]) << "the scan passes full words to the first clear bit";
-  EXPECT_EQ(piece->uint_next_free_bit, 301u);
-  EXPECT_EQ(bit_of(pool_->pool_malloc()), 400u);
-  EXPECT_EQ(piece->uint_free_bit, 512u - 401u);
 }
 
 // A used-up piece is set aside only when the next take needs it; it comes back, at the end
@@ -171,22 +149,16 @@ TEST_F(Pool_algorithm, AUsedUpPieceGoesAsideAndComesBackAtSixtyFourFree) {
   void* block513 = pool.pool_malloc();
   Test_piece* piece2 = piece_of(block513);
   ASSERT_NE(piece2, piece1);
-  EXPECT_EQ(bit_of(block513), 0u);
   EXPECT_EQ(pool.ptr_first_normal, piece2);
   ASSERT_EQ(pool.vt_normal.size(), 1u);
   ASSERT_EQ(pool.vt_full.size(), 1u);
   EXPECT_EQ(pool.vt_full[0].ptr_t, piece1);
   EXPECT_EQ(piece1->uint_offset_normal, k_none);
   EXPECT_EQ(piece1->uint_offset_full, 0u);
-  EXPECT_EQ(piece2->uint_offset_normal, 0u);
-  EXPECT_EQ(g_counts.ulong_area_malloc, 2u);
-  EXPECT_EQ(g_counts.ulong_record_malloc, 2u);
 
   for (int i = 0; i < 63; ++i) Test_pool::free(first[i * 7]);
   EXPECT_EQ(pool.vt_full.size(), 1u) << "63 free blocks are not enough";
-  EXPECT_EQ(piece1->uint_offset_normal, k_none);
   Test_pool::free(first[500]);
-  EXPECT_EQ(piece1->uint_free_bit, 64u);
   EXPECT_EQ(pool.vt_full.size(), 0u);
   ASSERT_EQ(pool.vt_normal.size(), 2u);
   EXPECT_EQ(pool.vt_normal[1].ptr_t, piece1) << "it goes to the end of the line";
@@ -225,7 +197,6 @@ TEST_F(Pool_algorithm, AnEmptyPieceGoesOnlyWhileMoreThanTheMinimumRemain) {
   // Piece 2, at index 0, empties: it and its area go, piece 1 takes its index and the lead.
   for (void* block : second) Test_pool::free(block);
   EXPECT_EQ(g_counts.ulong_area_free, 1u);
-  EXPECT_EQ(g_counts.ulong_record_free, 1u);
   ASSERT_EQ(pool.vt_normal.size(), 1u);
   EXPECT_EQ(pool.vt_normal[0].ptr_t, piece1);
   EXPECT_EQ(piece1->uint_offset_normal, 0u);
@@ -234,45 +205,27 @@ TEST_F(Pool_algorithm, AnEmptyPieceGoesOnlyWhileMoreThanTheMinimumRemain) {
   // Piece 1 is now the only one: emptying it keeps it and its area.
   Test_pool::free(first[0]);
   for (int i = 64; i < 512; ++i) Test_pool::free(first[i]);
-  EXPECT_EQ(piece1->uint_free_bit, 512u);
   EXPECT_EQ(pool.get_piece_count(), 1u);
   EXPECT_EQ(g_counts.ulong_area_free, 1u);
-
-  // With the root pool's minimum no piece is ever given back.
-  check_and_drop_pool();
-  make_pool(128, 0xFFFFFFFF);
-  std::vector<void*> blocks = take(3 * 512 + 1);
-  ASSERT_EQ(pool_->get_piece_count(), 4u);
-  std::shuffle(blocks.begin(), blocks.end(), std::mt19937(7));
-  for (void* block : blocks) Test_pool::free(block);
-  EXPECT_EQ(pool_->get_piece_count(), 4u);
-  EXPECT_EQ(pool_->vt_full.size(), 0u) << "every piece passed 64 free on the way";
-  EXPECT_EQ(pool_->get_free_bit_count(), 4u * 512);
-  EXPECT_EQ(g_counts.ulong_area_free, 0u);
 }
 
 TEST_F(Pool_algorithm, RandomTakesAndReleasesMatchAPlainModel) {
   Test_pool& pool = make_pool(120, 1);
   std::mt19937 random(12345);
   std::vector<void*> held;
-  std::set<void*> held_set;
-  for (int step = 0; step < 40000; ++step) {
+  for (int step = 0; step < 20000; ++step) {
     if (held.empty() || (random() % 100) < (held.size() < 1500 ? 60u : 40u)) {
       void* block = pool.pool_malloc();
-      ASSERT_TRUE(held_set.insert(block).second) << "a held block was handed out again, step " << step;
+      ASSERT_TRUE(std::find(held.begin(), held.end(), block) == held.end()) << "handed out twice, step " << step;
       ASSERT_TRUE(bit_set(piece_of(block), bit_of(block)));
       held.push_back(block);
     } else {
-      unsigned int index = random() % held.size();
-      void* block = held[index];
-      held[index] = held.back();
+      std::swap(held[random() % held.size()], held.back());
+      Test_pool::free(held.back());
       held.pop_back();
-      held_set.erase(block);
-      Test_pool::free(block);
     }
     if (step % 997 == 0) {
       ASSERT_EQ(pool.get_piece_count() * 512ul - pool.get_free_bit_count(), held.size()) << "step " << step;
-      // The offsets always point back at their own entries.
       for (unsigned int i = 0; i < pool.vt_normal.size(); ++i) ASSERT_EQ(pool.vt_normal[i].ptr_t->uint_offset_normal, i);
       for (unsigned int i = 0; i < pool.vt_full.size(); ++i) {
         ASSERT_EQ(pool.vt_full[i].ptr_t->uint_offset_full, i);
@@ -283,7 +236,6 @@ TEST_F(Pool_algorithm, RandomTakesAndReleasesMatchAPlainModel) {
   }
   for (void* block : held) Test_pool::free(block);
   EXPECT_EQ(pool.get_piece_count(), 1u) << "all but the minimum went back";
-  EXPECT_EQ(g_counts.ulong_area_malloc - g_counts.ulong_area_free, 1u);
 }
 
 unsigned char page_type_huge(void*) { return 1; }
@@ -316,8 +268,7 @@ TEST_F(Pool_algorithm, FirstTouchMark) {
 // ---- the per-CPU pools -----------------------------------------------------------------
 
 // On a thread bound to one CPU, so that every call lands on the same entry: a release only
-// waits in the queue (the ring, then its overflow vector) and is applied at the entry's next
-// take, which then finds the released block again.
+// waits in the queue and is applied at the entry's next take, which finds the block again.
 TEST(Pool_part_cpu, ReleasesWaitInTheQueueUntilTheEntrysNextTake) {
   std::thread thread([] {
     cpu_set_t set;
@@ -337,20 +288,7 @@ TEST(Pool_part_cpu, ReleasesWaitInTheQueueUntilTheEntrysNextTake) {
     EXPECT_EQ(pool->uint_wait_release_count, 0u);
     EXPECT_TRUE(pool->queue_wait_release.queue.is_empty());
     EXPECT_EQ(next, block) << "the applied release moved the cursor back to the block";
-
-    std::vector<void*> blocks{next};
-    for (int i = 1; i < 200; ++i) blocks.push_back(Malloc_pool_size_128()(size));
-    auto used = [pool] { return pool->get_piece_count() * 512ul - pool->get_free_bit_count(); };
-    const unsigned long used_before = used();
-    for (void* b : blocks) Free_pool_size_128()(b, 120);
-    EXPECT_EQ(pool->queue_wait_release.queue.used(), 56u);
-    EXPECT_EQ(pool->queue_wait_release.vt_overflow.size(), 200u - 56u);
-    EXPECT_EQ(used(), used_before) << "nothing applied before the next take";
-    block = Malloc_pool_size_128()(size);
-    EXPECT_EQ(pool->queue_wait_release.vt_overflow.size(), 0u);
-    EXPECT_TRUE(pool->queue_wait_release.queue.is_empty());
-    EXPECT_EQ(used(), used_before - 200 + 1);
-    Free_pool_size_128()(block, 120);
+    Free_pool_size_128()(next, 120);
   });
   thread.join();
 }
