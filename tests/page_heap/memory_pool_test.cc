@@ -354,11 +354,8 @@ TEST_F(Root_pool, The32ndReleaseEmptiesTheFreeSide) {
   std::vector<void*> blocks;
   for (int i = 0; i < 40; ++i) blocks.push_back(pool_->malloc_block());
   const unsigned long used = used_in_pool();
-  for (unsigned int i = 0; i < k_side; ++i) {
-    pool_->free_block(blocks[i]);
-    EXPECT_EQ(pool_->uint_ar_free_count, i + 1);
-    EXPECT_EQ(slot(k_side + i), reinterpret_cast<unsigned long>(blocks[i]));
-  }
+  for (unsigned int i = 0; i < k_side; ++i) pool_->free_block(blocks[i]);
+  for (unsigned int i = 0; i < k_side; ++i) EXPECT_EQ(slot(k_side + i), reinterpret_cast<unsigned long>(blocks[i]));
   EXPECT_EQ(used_in_pool(), used) << "the free side holds them; the pool still counts them in use";
   pool_->free_block(blocks[31]);
   EXPECT_EQ(pool_->uint_ar_free_count, 0u);
@@ -392,10 +389,9 @@ TEST_F(Root_pool, ThreadsTakingAndGivingAtOnceNeverShareABlockAndLoseNone) {
   std::atomic<unsigned long> shared_twice{0}, payload_damaged{0};
   std::atomic<bool> go{false};
   auto give_back = [&](unsigned long* block) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_held);
-      held.erase(block);
-    }
+    std::unique_lock<std::mutex> lock(mutex_held);
+    held.erase(block);
+    lock.unlock();
     pool_->free_block(block);
   };
   std::vector<std::thread> threads;
@@ -407,17 +403,15 @@ TEST_F(Root_pool, ThreadsTakingAndGivingAtOnceNeverShareABlockAndLoseNone) {
       for (unsigned int round = 0; round < 100000; ++round) {
         if (mine.empty() || (mine.size() < 64 && random() % 2 == 0)) {
           auto* block = static_cast<unsigned long*>(pool_->malloc_block());
-          {
-            std::lock_guard<std::mutex> lock(mutex_held);
-            shared_twice += !held.insert(block).second;
-          }
+          std::unique_lock<std::mutex> lock(mutex_held);
+          shared_twice += !held.insert(block).second;
+          lock.unlock();
           // A token over the whole payload: another holder would overwrite it.
           for (int i = 0; i < 15; ++i) block[i] = (static_cast<unsigned long>(t) << 32) | round;
           mine.push_back(block);
         } else {
-          unsigned int index = random() % mine.size();
-          unsigned long* block = mine[index];
-          mine[index] = mine.back();
+          std::swap(mine[random() % mine.size()], mine.back());
+          unsigned long* block = mine.back();
           mine.pop_back();
           bool damaged = (block[0] >> 32) != t;
           for (int i = 1; i < 15; ++i) damaged |= block[i] != block[0];
