@@ -14,6 +14,7 @@
 #include <random>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -219,21 +220,18 @@ unsigned char page_type_ordinary(void*) { return 0; }
 // it off.
 TEST_F(Pool_algorithm, FirstTouchMark) {
   const bool saved_prefault = g_bool_memory_enable_page_prefault;
-  struct Case {
-    bool bool_prefault;
-    Test_pool::Page_type_function get_page_type;
-    bool bool_marks;
-  };
+  using Case = std::tuple<bool, Test_pool::Page_type_function, bool>;  // prefault, page type -> marks
   for (const Case& c : {Case{false, &page_type_ordinary, true}, Case{false, nullptr, true},
                         Case{false, &page_type_huge, false}, Case{true, nullptr, false}}) {
-    g_bool_memory_enable_page_prefault = c.bool_prefault;
-    Test_piece* piece = make_pool(128, 1, c.get_page_type).ptr_first_normal;
+    const bool marks = std::get<2>(c);
+    g_bool_memory_enable_page_prefault = std::get<0>(c);
+    Test_piece* piece = make_pool(128, 1, std::get<1>(c)).ptr_first_normal;
     const unsigned long area = reinterpret_cast<unsigned long>(piece->ptr_byte_block);
-    EXPECT_EQ(piece->ptr_byte_touch, c.bool_marks ? 0 : ~0ul);
+    EXPECT_EQ(piece->ptr_byte_touch, marks ? 0 : ~0ul);
     take(32);  // 32 blocks of 128 in a page
-    EXPECT_EQ(piece->ptr_byte_touch, c.bool_marks ? area | 4095 : ~0ul);
+    EXPECT_EQ(piece->ptr_byte_touch, marks ? area | 4095 : ~0ul);
     take(1);
-    EXPECT_EQ(piece->ptr_byte_touch, c.bool_marks ? (area + 4096) | 4095 : ~0ul);
+    EXPECT_EQ(piece->ptr_byte_touch, marks ? (area + 4096) | 4095 : ~0ul);
     check_and_drop_pool();
   }
   g_bool_memory_enable_page_prefault = saved_prefault;
