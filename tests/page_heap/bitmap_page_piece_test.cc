@@ -8,13 +8,13 @@
 #include <cstdlib>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
-#include <utility>
 #include <tuple>
+#include <utility>
 
-#include "foundation/quorla_pause.h"
 #include "os_memory/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region_tag.h"
@@ -34,15 +34,15 @@ Memory_bitmap_page_piece* make_piece(Piece_storage& storage) {
   return new (storage.bytes) Memory_bitmap_page_piece(0, nullptr);
 }
 
-// Destroys a piece and makes sure its region is unmapped: an empty piece gives it back
-// itself; a piece with live pages abandons it, so the test tags it and unmaps it.
+// A piece with live pages abandons its region mapped, so the test unmaps it (the unmap reads
+// the page type from the tag); an empty piece gives its region back itself.
 void destroy_piece(Memory_bitmap_page_piece* piece) {
   unsigned char* region = piece->ptr_byte_block;
   const unsigned char page_type = piece->uchar_page_type;
   const bool empty = piece->uint_free_bit == 511;
   piece->~Memory_bitmap_page_piece();
   if (!empty) {
-    region_tag_of(region)->uchar_page_type = page_type;  // the unmap reads the tag
+    region_tag_of(region)->uchar_page_type = page_type;
     os_free_map_size_2m(region);
   }
 }
@@ -51,6 +51,8 @@ bool bit_is_set(const Memory_bitmap_page_piece* piece, unsigned int bit) {
   return (piece->ptr_ulong[bit >> 6] >> (bit & 63)) & 1;
 }
 
+using Cursors = std::tuple<unsigned int, unsigned int, unsigned int>;  // first, next, top
+
 class PagePieceTest : public ::testing::Test {
  protected:
   void SetUp() override { piece = make_piece(storage); }
@@ -58,15 +60,8 @@ class PagePieceTest : public ::testing::Test {
 
   unsigned long slot(unsigned int i) const { return piece->ar_ulong_page_slot()[i]; }
   unsigned char* page(unsigned int bit) const { return piece->ptr_byte_block + bit * k_page; }
-  // first_free_bit, next_free_bit and top_bit, checked together.
-  std::tuple<unsigned int, unsigned int, unsigned int> cursors() const {
-    return {piece->uint_first_free_bit, piece->uint_next_free_bit, piece->uint_top_bit};
-  }
-  static std::tuple<unsigned int, unsigned int, unsigned int> at(unsigned int first, unsigned int next,
-                                                                 unsigned int top) {
-    return {first, next, top};
-  }
-  // The head page as a new (or emptied) piece has it: only bit 0 and slot 0 in use.
+  Cursors cursors() const { return Cursors{piece->uint_first_free_bit, piece->uint_next_free_bit, piece->uint_top_bit}; }
+  // The head page of a new (or emptied) piece: only bit 0 and slot 0 in use.
   void expect_clean_head() const {
     EXPECT_EQ(1u, piece->ptr_ulong[0]);
     for (unsigned int w = 1; w < 8; ++w) EXPECT_EQ(0u, piece->ptr_ulong[w]) << "word " << w;
@@ -78,106 +73,61 @@ class PagePieceTest : public ::testing::Test {
   Memory_bitmap_page_piece* piece = nullptr;
 };
 
-// ---- the single page -------------------------------------------------------------------
-
 TEST_F(PagePieceTest, OneBitTakesTheLowestPageAndReleaseLowersTheCursors) {
-  EXPECT_EQ(0u, reinterpret_cast<unsigned long>(piece->ptr_byte_block) & (k_region - 1));
-  EXPECT_EQ(511u, piece->uint_max_free_bit);
-  EXPECT_EQ(at(1, 1, 1), cursors());
+  EXPECT_EQ(Cursors(1, 1, 1), cursors());
   expect_clean_head();
   EXPECT_EQ(page(1), piece->malloc_one_bit());
-  EXPECT_EQ(1u, slot(1));
   EXPECT_EQ(510u, piece->uint_max_free_bit);
-  EXPECT_EQ(at(2, 2, 2), cursors());
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(3), piece->malloc_one_bit());
   piece->free_one_bit(2);
-  EXPECT_EQ(509u, piece->uint_free_bit);
   EXPECT_EQ(509u, piece->uint_max_free_bit);
-  EXPECT_EQ(at(2, 2, 4), cursors()) << "the high-water mark stays";
-  EXPECT_EQ(0u, slot(2));
-  EXPECT_FALSE(bit_is_set(piece, 2));
+  EXPECT_EQ(Cursors(2, 2, 4), cursors()) << "the high-water mark stays";
   EXPECT_EQ(page(2), piece->malloc_one_bit());
   EXPECT_EQ(page(4), piece->malloc_one_bit()) << "first_free_bit was 3, taken: scan finds 4";
-}
-
-TEST_F(PagePieceTest, OneBitScansForwardFromAStaleHintAndFillsThePiece) {
-  // Word 0 full; a stale (lower) hint must still give the first clear bit of word 1.
-  ASSERT_EQ(page(1), piece->malloc_bit_size(63));
+  // A stale (lower) hint over a full word still finds the first clear bit of the next one.
+  ASSERT_EQ(page(5), piece->malloc_bit_size(59));
   piece->uint_first_free_bit = 1;
   EXPECT_EQ(page(64), piece->malloc_one_bit());
-  EXPECT_EQ(at(65, 65, 65), cursors());
-  // A hint below a hole in the same word: the scan takes the hole.
-  piece->free_one_bit(10);
-  piece->uint_first_free_bit = 3;
-  EXPECT_EQ(page(10), piece->malloc_one_bit());
-  EXPECT_EQ(11u, piece->uint_first_free_bit);
-  EXPECT_EQ(11u, piece->uint_next_free_bit) << "lowered to 10 by the release, raised past the take";
-  for (unsigned int i = 65; i < 512; ++i) ASSERT_EQ(page(i), piece->malloc_one_bit()) << i;
-  EXPECT_EQ(0u, piece->uint_free_bit);
-  EXPECT_EQ(512u, piece->uint_top_bit);
-  for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
-  EXPECT_EQ(nullptr, piece->malloc_bit_size(1));
-  EXPECT_EQ(0u, piece->uint_max_free_bit);
+  EXPECT_EQ(Cursors(65, 65, 65), cursors());
 }
 
-// ---- unaligned runs --------------------------------------------------------------------
-
-TEST_F(PagePieceTest, RunsFromAnEmptyPieceStartAtPageOne) {
+// From an empty piece a run of 64 or more goes to page 1 without a search, and the top bit
+// is set to the run's end even when it stood higher.
+TEST_F(PagePieceTest, EmptyPieceShortcutStartsAtPageOne) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(511));
   EXPECT_EQ(0u, piece->uint_free_bit);
   EXPECT_EQ(511u, slot(1));
   for (unsigned int w = 0; w < 8; ++w) EXPECT_EQ(~0ULL, piece->ptr_ulong[w]) << "word " << w;
+  EXPECT_EQ(nullptr, piece->malloc_bit_size(1));
   piece->free_with_bit_size(511, 1);
   ASSERT_EQ(page(1), piece->malloc_bit_size(64));
-  EXPECT_EQ(at(65, 65, 65), cursors()) << "the empty-piece take lowers the top bit";
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
+  EXPECT_EQ(Cursors(65, 65, 65), cursors());
   EXPECT_EQ(1u, piece->ptr_ulong[1]);
   piece->free_with_bit_size(64, 1);
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  EXPECT_EQ(at(64, 64, 65), cursors()) << "a shorter take leaves the high-water mark";
-  EXPECT_EQ(448u, piece->uint_free_bit);
+  EXPECT_EQ(Cursors(64, 64, 65), cursors()) << "a shorter take leaves the high-water mark";
 }
 
 // A short run that does not fit before a word's end goes to the next word; the cursor
 // follows it only when the tail left behind is short.
 TEST_F(PagePieceTest, ShortRunCursorRules) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(60));
-  EXPECT_EQ(61u, piece->uint_next_free_bit);
   ASSERT_EQ(page(64), piece->malloc_bit_size(10));
-  EXPECT_EQ(at(61, 74, 74), cursors()) << "a search take leaves first_free_bit";
-  EXPECT_EQ(10u, slot(64));
-  EXPECT_EQ(441u, piece->uint_free_bit);
+  EXPECT_EQ(Cursors(61, 74, 74), cursors()) << "a search take leaves first_free_bit";
   piece->free_with_bit_size(10, 64);
   piece->free_with_bit_size(60, 1);
-
   ASSERT_EQ(page(1), piece->malloc_bit_size(40));
   ASSERT_EQ(page(64), piece->malloc_bit_size(40));
   EXPECT_EQ(41u, piece->uint_next_free_bit) << "a long tail (41..63) keeps the cursor";
   ASSERT_EQ(page(41), piece->malloc_bit_size(20));
-  EXPECT_EQ(61u, piece->uint_next_free_bit);
-  EXPECT_EQ(61u, piece->uint_first_free_bit);
-  EXPECT_EQ(ar_ulong_mask[61], piece->ptr_ulong[0]);
-  EXPECT_EQ(ar_ulong_mask[40], piece->ptr_ulong[1]);
-}
-
-TEST_F(PagePieceTest, ShortRunSkipsCollisionsInsideAWord) {
-  // Word 0: bits 0..9 and 20..29 set; a run of 15 cannot sit at 10 and goes to 30.
-  ASSERT_EQ(page(1), piece->malloc_bit_size(9));
-  ASSERT_NE(nullptr, piece->malloc_bit_size_align(10, 20));
-  EXPECT_EQ(10u, piece->uint_next_free_bit);
-  ASSERT_EQ(page(30), piece->malloc_bit_size(15));
-  EXPECT_EQ(45u, piece->uint_next_free_bit);
-  ASSERT_EQ(page(10), piece->malloc_bit_size_align(10, 10));
-  EXPECT_EQ(ar_ulong_mask[45], piece->ptr_ulong[0]);
+  EXPECT_EQ(Cursors(61, 61, 104), cursors());
 }
 
 TEST_F(PagePieceTest, LongRunStartsAboveTheHighestSetBitNeverAtBitZero) {
   ASSERT_EQ(page(1), piece->malloc_bit_size(63));
   ASSERT_EQ(page(65), piece->malloc_bit_size(64));
-  EXPECT_EQ(at(64, 64, 129), cursors()) << "run did not start at the cursor";
-  EXPECT_EQ(~1ULL, piece->ptr_ulong[1]);
-  EXPECT_EQ(1u, piece->ptr_ulong[2]);
+  EXPECT_EQ(Cursors(64, 64, 129), cursors()) << "run did not start at the cursor";
   // A word with bit 63 set is skipped; the next candidate is above word 2's bit 0.
   ASSERT_EQ(page(129), piece->malloc_bit_size(100));
   EXPECT_EQ(64u, piece->uint_next_free_bit);
@@ -188,100 +138,48 @@ TEST_F(PagePieceTest, FailureNeverWrapsAndLowersTheBoundUntilARelease) {
   piece->uint_next_free_bit = 500;
   EXPECT_EQ(nullptr, piece->malloc_bit_size(20));
   EXPECT_EQ(19u, piece->uint_max_free_bit);
-  EXPECT_EQ(510u, piece->uint_free_bit) << "a failure takes nothing";
-  EXPECT_EQ(500u, piece->uint_next_free_bit);
-  EXPECT_EQ(3u, piece->ptr_ulong[0]);
   EXPECT_EQ(nullptr, piece->malloc_bit_size(200));
   EXPECT_EQ(199u, piece->uint_max_free_bit);
   ASSERT_EQ(page(500), piece->malloc_bit_size(10));
-  EXPECT_EQ(500u, piece->uint_free_bit);
   EXPECT_EQ(199u, piece->uint_max_free_bit) << "a take only lowers the bound";
-  EXPECT_EQ(nullptr, piece->malloc_bit_size(20));
-  EXPECT_EQ(19u, piece->uint_max_free_bit);
   piece->free_one_bit(1);
   EXPECT_EQ(501u, piece->uint_max_free_bit);
-  EXPECT_EQ(1u, piece->uint_next_free_bit);
   EXPECT_EQ(page(1), piece->malloc_bit_size(20));
 }
 
-// ---- aligned runs ----------------------------------------------------------------------
-
-TEST_F(PagePieceTest, AlignedShortRunIsPlacedAtAMultipleAndLeavesTheCursors) {
+TEST_F(PagePieceTest, AlignedRunsArePlacedAtMultiplesAndLeaveTheCursors) {
   ASSERT_EQ(page(8), piece->malloc_bit_size_align(8, 8));
   EXPECT_EQ(8u, slot(8));
-  EXPECT_EQ(503u, piece->uint_free_bit);
-  EXPECT_EQ(at(1, 1, 1), cursors());
-  ASSERT_EQ(page(16), piece->malloc_bit_size_align(8, 8));
   ASSERT_EQ(page(32), piece->malloc_bit_size_align(32, 32));
   // Offset 0 of a word is never tried: the next run of 32 at 32 goes to 96, not 64.
   ASSERT_EQ(page(96), piece->malloc_bit_size_align(32, 32));
-  const unsigned int bound = piece->uint_max_free_bit;
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(40, 32));  // no word holds 40 at 32
-  EXPECT_EQ(bound, piece->uint_max_free_bit);
-}
-
-TEST_F(PagePieceTest, AlignedLongRunStartsAtAWordMultiple) {
   ASSERT_EQ(page(128), piece->malloc_bit_size_align(128, 128));
-  EXPECT_EQ(128u, slot(128));
-  EXPECT_EQ(383u, piece->uint_free_bit);
-  EXPECT_EQ(at(1, 1, 1), cursors());
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[3]);
-  EXPECT_EQ(0u, piece->ptr_ulong[4]);
   ASSERT_EQ(page(256), piece->malloc_bit_size_align(128, 128));
-  ASSERT_EQ(page(384), piece->malloc_bit_size_align(128, 128));
-  EXPECT_EQ(nullptr, piece->malloc_bit_size_align(128, 128));
-  ASSERT_EQ(page(64), piece->malloc_bit_size_align(64, 64));  // word 1: the only clear word left
+  ASSERT_EQ(page(384), piece->malloc_bit_size_align(64, 128));
+  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));  // word 7: the only clear word left
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 64));
   EXPECT_EQ(nullptr, piece->malloc_bit_size_align(64, 1024)) << "step above 7";
-  for (unsigned int w = 64; w < 512; w += 64) piece->free_with_bit_size(64, w);
-  ASSERT_EQ(page(64), piece->malloc_bit_size_align(384, 64));  // words 1 to 6
-  ASSERT_EQ(page(448), piece->malloc_bit_size_align(64, 64));  // and the last word
-  EXPECT_EQ(63u, piece->uint_free_bit);
+  EXPECT_EQ(Cursors(1, 1, 1), cursors());
 }
-
-// ---- releases --------------------------------------------------------------------------
 
 // A release of 256 pages or more that empties the piece resets the whole head page (a
 // small-block piece overwrote the slots of the pages it took); a smaller one clears only
-// the run's first slot; one that leaves a block live takes the ordinary path.
+// the run's first slot.
 TEST_F(PagePieceTest, ReleasesThatEmptyThePieceResetTheHeadPageOnlyWhenLarge) {
   for (unsigned int size : {300u, 255u}) {
     ASSERT_EQ(page(1), piece->malloc_bit_size(size));
     for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0xABCDEF00ul + i;
     piece->free_with_bit_size(size, 1);
-    EXPECT_EQ(511u, piece->uint_free_bit);
     EXPECT_EQ(511u, piece->uint_max_free_bit);
-    EXPECT_EQ(at(1, 1, size + 1), cursors()) << "the high-water mark is kept";
+    EXPECT_EQ(Cursors(1, 1, size + 1), cursors()) << "the high-water mark is kept";
     if (size < 256) {
       EXPECT_EQ(0xABCDEF00ul + 2, slot(2)) << "only the run's first slot is cleared";
       for (unsigned int i = 2; i <= size; ++i) piece->ar_ulong_page_slot()[i] = 0;
     }
     expect_clean_head();
   }
-  ASSERT_EQ(page(1), piece->malloc_bit_size(300));
-  ASSERT_EQ(page(301), piece->malloc_one_bit());
-  piece->free_with_bit_size(300, 1);
-  EXPECT_EQ(510u, piece->uint_free_bit);
-  EXPECT_EQ(1u, slot(301));
-  EXPECT_EQ(1ULL << 45, piece->ptr_ulong[4]) << "bit 301 stays, 300 is clear";
-  EXPECT_EQ(1u, piece->ptr_ulong[0]);
 }
-
-TEST_F(PagePieceTest, ReleaseAcrossWordsClearsExactlyTheRun) {
-  ASSERT_EQ(page(1), piece->malloc_bit_size(63));
-  ASSERT_EQ(page(65), piece->malloc_bit_size(64));  // bits 65..128
-  ASSERT_EQ(page(64), piece->malloc_one_bit());
-  ASSERT_EQ(page(129), piece->malloc_one_bit());
-  piece->free_with_bit_size(64, 65);
-  EXPECT_EQ(~0ULL, piece->ptr_ulong[0]);
-  EXPECT_EQ(1ULL, piece->ptr_ulong[1]);
-  EXPECT_EQ(2ULL, piece->ptr_ulong[2]);
-  EXPECT_EQ(65u, piece->uint_next_free_bit);
-  EXPECT_EQ(65u, piece->uint_first_free_bit);
-  EXPECT_EQ(0u, slot(65));
-}
-
-// ---- region return and the background-thread request -----------------------------------
 
 // An empty piece writes the region tag (type, node, top bit, release time from the shared
 // clock) and gives the region back. A page type the mapping layer does not know (2) makes
@@ -301,60 +199,33 @@ TEST(PagePieceRegionTest, EmptyPieceTagsAndGivesItsRegionBack) {
     g_timet_millisecond_now_steady = 0;
     piece->~Memory_bitmap_page_piece();
     EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
-    if (!unknown_type) {
-      EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
-      continue;
+    if (unknown_type) {
+      const Region_tag* tag = region_tag_of(region);
+      EXPECT_EQ(2u, tag->uchar_page_type);
+      EXPECT_EQ(0x1234u, tag->ushort_numa_node);
+      EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
+      EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+      region_tag_of(region)->uchar_page_type = page_type;
+      os_free_map_size_2m(region);
     }
-    const Region_tag* tag = region_tag_of(region);
-    EXPECT_EQ(2u, tag->uchar_page_type);
-    EXPECT_EQ(0x1234u, tag->ushort_numa_node);
-    EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
-    EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
-    region_tag_of(region)->uchar_page_type = page_type;
-    os_free_map_size_2m(region);
     EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
   }
-}
-
-TEST(PagePieceRegionTest, PieceWithALivePageAbandonsItsRegionMapped) {
-  Piece_storage storage;
-  Memory_bitmap_page_piece* piece = make_piece(storage);
-  const size_t mapped = g_locking_sizet_os_malloc_all_size;
-  unsigned char* region = piece->ptr_byte_block;
-  unsigned char* block = piece->malloc_one_bit();
-  block[0] = 0x77;
-  const unsigned long owner = reinterpret_cast<unsigned long>(piece);
-  const unsigned char page_type = piece->uchar_page_type;
-  piece->~Memory_bitmap_page_piece();
-  EXPECT_EQ(mapped, g_locking_sizet_os_malloc_all_size);
-  // Still mapped and untouched: the head page still names the piece, the block is intact.
-  EXPECT_EQ(owner, reinterpret_cast<unsigned long*>(region)[0]);
-  EXPECT_EQ(1u, reinterpret_cast<unsigned long*>(region)[1]);
-  EXPECT_EQ(0x77, block[0]);
-  region_tag_of(region)->uchar_page_type = page_type;  // the unmap reads the tag
-  os_free_map_size_2m(region);
-  EXPECT_EQ(mapped - k_region, g_locking_sizet_os_malloc_all_size);
 }
 
 TEST(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
   const bool saved_use = g_bool_memory_use_thread_background, saved_enable = g_bool_memory_enable_thread_background,
              saved_need = g_bool_memory_need_enable_thread_background;
   const unsigned long saved_threshold = g_ulong_memory_size_use_thread_background_threshold;
-  struct Case {
-    bool bool_use, bool_enable;
-    unsigned long ulong_threshold;
-    bool bool_requested;
-    const char* ptr_why;
-  };
-  for (const Case& c : {Case{false, true, 0, true, "enough mapped"}, Case{false, true, ~0ul, false, "below the threshold"},
-                        Case{true, true, 0, false, "already running"}, Case{false, false, 0, false, "disabled"}}) {
-    g_bool_memory_use_thread_background = c.bool_use;
-    g_bool_memory_enable_thread_background = c.bool_enable;
-    g_ulong_memory_size_use_thread_background_threshold = c.ulong_threshold;
+  using Case = std::tuple<bool, bool, unsigned long, bool>;  // running, enabled, threshold -> requested
+  for (const Case& c : {Case{false, true, 0, true}, Case{false, true, ~0ul, false}, Case{true, true, 0, false},
+                        Case{false, false, 0, false}}) {
+    std::tie(g_bool_memory_use_thread_background, g_bool_memory_enable_thread_background,
+             g_ulong_memory_size_use_thread_background_threshold, std::ignore) = c;
     g_bool_memory_need_enable_thread_background = false;
     Piece_storage storage;
     destroy_piece(make_piece(storage));
-    EXPECT_EQ(c.bool_requested, g_bool_memory_need_enable_thread_background) << c.ptr_why;
+    EXPECT_EQ(std::get<3>(c), g_bool_memory_need_enable_thread_background)
+        << "running " << std::get<0>(c) << " enabled " << std::get<1>(c) << " threshold " << std::get<2>(c);
   }
   g_bool_memory_use_thread_background = saved_use;
   g_bool_memory_enable_thread_background = saved_enable;
@@ -379,8 +250,7 @@ struct Model {
     return ::testing::AssertionFailure() << "free_bit " << piece->uint_free_bit << " clear " << clear;
   if (lowest_clear < 512 && piece->uint_first_free_bit > lowest_clear)
     return ::testing::AssertionFailure() << "first_free_bit " << piece->uint_first_free_bit << " above " << lowest_clear;
-  if (piece->uint_next_free_bit > 512 || piece->uint_first_free_bit > 512)
-    return ::testing::AssertionFailure() << "cursor out of range";
+  if (piece->uint_next_free_bit > 512) return ::testing::AssertionFailure() << "cursor out of range";
   const unsigned long* slots = piece->ar_ulong_page_slot();
   if (slots[0] != reinterpret_cast<unsigned long>(piece)) return ::testing::AssertionFailure() << "slot 0 lost the piece";
   for (unsigned int p = 1; p < 512; ++p) {
@@ -394,30 +264,22 @@ struct Model {
   return ::testing::AssertionSuccess();
 }
 
-struct Snapshot {
-  unsigned int free_bit, max_free_bit, first_free_bit, next_free_bit, top_bit;
-  unsigned long long words[8];
-};
-Snapshot snapshot(const Memory_bitmap_page_piece* piece) {
-  Snapshot snap{piece->uint_free_bit, piece->uint_max_free_bit, piece->uint_first_free_bit,
-                piece->uint_next_free_bit, piece->uint_top_bit, {}};
-  for (unsigned int i = 0; i < 8; ++i) snap.words[i] = piece->ptr_ulong[i];
-  return snap;
+// The state a failed search must leave untouched (the bound aside).
+std::tuple<unsigned int, unsigned int, unsigned int, unsigned int, std::string> state(const Memory_bitmap_page_piece* p) {
+  return {p->uint_free_bit, p->uint_first_free_bit, p->uint_next_free_bit, p->uint_top_bit,
+          std::string(reinterpret_cast<const char*>(p->ptr_ulong), sizeof(p->ptr_ulong))};
 }
 
-// Sequence profiles: mixed sizes; short runs only (the top bit then grows slowly); mostly
-// long runs. Paths counts how often each path was met, so that a generator that stops
-// reaching one is noticed.
+// Profiles: mixed sizes; short runs only (the top bit then grows slowly); mostly long runs.
+// Paths counts how often each path was met, so that a generator that stops reaching one is
+// noticed.
 enum Profile : unsigned int { k_mixed, k_short_only, k_long_heavy, k_profile_count };
 
 void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile profile,
                          std::map<std::string, unsigned long>& paths) {
   Piece_storage storage;
   Memory_bitmap_page_piece* piece = make_piece(storage);
-  struct Guard {
-    Memory_bitmap_page_piece* piece;
-    ~Guard() { destroy_piece(piece); }
-  } guard{piece};
+  std::unique_ptr<Memory_bitmap_page_piece, void (*)(Memory_bitmap_page_piece*)> guard(piece, destroy_piece);
   Model model;
   auto pick = [&](unsigned int low, unsigned int high) {
     return std::uniform_int_distribution<unsigned int>(low, high)(random);
@@ -448,7 +310,6 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     // Release more often as the piece fills, and now and then empty it completely.
     if (!model.live.empty() && pick(0, 299) == 0) {
       while (!model.live.empty()) ASSERT_NO_FATAL_FAILURE(release(model.live.begin(), false));
-      ASSERT_EQ(511u, piece->uint_free_bit);
       ASSERT_TRUE(piece_matches(piece, model));
       continue;
     }
@@ -462,7 +323,8 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     const unsigned int kind = pick(0, 9);
     unsigned int size = 1, align = 1;
     const bool aligned = kind >= 7;
-    const Snapshot before = snapshot(piece);
+    const auto before = state(piece);
+    const unsigned int before_bound = piece->uint_max_free_bit;
     unsigned char* result;
     if (kind < 3) {
       if (piece->uint_free_bit == 0) continue;
@@ -472,8 +334,8 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
       size = random_size();
       result = piece->malloc_bit_size(size);
     } else {
-      // Placement is by in-word multiples, so short alignments are powers of two (as callers
-      // form them); 64 can never be met by a short run and must fail.
+      // Short alignments are powers of two (as callers form them); 64 can never be met by a
+      // short run and must fail.
       const bool short_run = profile == k_short_only || pick(0, 2) != 0;
       size = short_run ? pick(1, 63) : pick(64, 511);
       align = short_run ? 1u << pick(0, 6) : 64 * pick(1, 8);
@@ -481,13 +343,8 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     }
     if (result == nullptr) {
       ++paths[aligned ? "failed aligned" : "failed unaligned"];
-      // A failed search takes nothing and moves nothing but the bound (unaligned only).
-      const Snapshot after = snapshot(piece);
-      ASSERT_EQ(std::make_tuple(before.free_bit, before.first_free_bit, before.next_free_bit, before.top_bit),
-                std::make_tuple(after.free_bit, after.first_free_bit, after.next_free_bit, after.top_bit));
-      for (unsigned int i = 0; i < 8; ++i) ASSERT_EQ(before.words[i], after.words[i]);
-      ASSERT_EQ(aligned ? before.max_free_bit : size - 1, after.max_free_bit) << "size " << size << " align " << align;
-      ASSERT_TRUE(piece_matches(piece, model));
+      ASSERT_TRUE(before == state(piece)) << "a failed search took or moved something";
+      ASSERT_EQ(aligned ? before_bound : size - 1, piece->uint_max_free_bit) << "size " << size << " align " << align;
       continue;
     }
     const unsigned long distance = static_cast<unsigned long>(result - piece->ptr_byte_block);
@@ -497,8 +354,8 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     ASSERT_LE(bit + size, 512u);
     if (aligned) {
       ASSERT_EQ(0u, bit % align) << "size " << size << " align " << align;
-      ASSERT_EQ(before.next_free_bit, piece->uint_next_free_bit);
-      ASSERT_EQ(before.top_bit, piece->uint_top_bit);
+      ASSERT_EQ(std::get<2>(before), piece->uint_next_free_bit);
+      ASSERT_EQ(std::get<3>(before), piece->uint_top_bit);
     }
     ASSERT_TRUE(size >= 64 || bit >> 6 == (bit + size - 1) >> 6) << "short run crosses a word at " << bit;
     for (unsigned int p = bit; p < bit + size; ++p) {
@@ -511,9 +368,9 @@ void run_random_sequence(std::mt19937_64& random, unsigned int steps, Profile pr
     } else if (aligned) {
       ++paths[size < 64 ? "aligned short" : "aligned long"];
     } else if (size < 64) {
-      ++paths[bit == before.next_free_bit ? "short at cursor" : "short by search"];
+      ++paths[bit == std::get<2>(before) ? "short at cursor" : "short by search"];
     } else {
-      ++paths[before.free_bit == 511 ? "long in empty piece" : "long by search"];
+      ++paths[std::get<0>(before) == 511 ? "long in empty piece" : "long by search"];
     }
     ASSERT_TRUE(piece_matches(piece, model)) << "after taking " << size << " at " << bit;
   }
@@ -535,7 +392,6 @@ TEST(PagePieceModelTest, RandomSequencesAgreeWithAPlainModel) {
   for (const char* name : {"one bit", "short at cursor", "short by search", "long in empty piece", "long by search",
                            "aligned short", "aligned long", "failed unaligned", "failed aligned", "release one bit",
                            "release run", "release with reset"}) {
-    printf("  %-20s %lu\n", name, paths[name]);
     EXPECT_GT(paths[name], 0u) << "no step reached: " << name;
   }
 }
