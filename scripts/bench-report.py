@@ -95,22 +95,19 @@ def main():
                 micro.setdefault(name, {})[a] = statistics.median(values)
 
     # Chart data: ratio of each allocator's median to the best median of the workload.
+    def write_ratios(path, column):
+        with open(path, "w") as f:
+            f.write("workload " + " ".join(ALLOCATORS) + "\n")
+            for w in timed:
+                row = median[w]
+                best = min(v[column] for v in row.values()) if row else 0
+                f.write(w.replace("_", "\\\\_") + " " + " ".join(
+                    ("%.4f" % (row[a][column] / best)) if a in row and best > 0 else "NaN" for a in ALLOCATORS) + "\n")
+
     dat = os.path.join(results, "ratios.dat")
-    with open(dat, "w") as f:
-        f.write("workload " + " ".join(ALLOCATORS) + "\n")
-        for w in timed:
-            row = median[w]
-            best_t = min(v[0] for v in row.values()) if row else 0
-            f.write(w.replace("_", "\\\\_") + " " + " ".join(
-                ("%.4f" % (row[a][0] / best_t)) if a in row and best_t > 0 else "NaN" for a in ALLOCATORS) + "\n")
     dat_rss = os.path.join(results, "rss.dat")
-    with open(dat_rss, "w") as f:
-        f.write("workload " + " ".join(ALLOCATORS) + "\n")
-        for w in timed:
-            row = median[w]
-            best_m = min(v[1] for v in row.values()) if row else 0
-            f.write(w.replace("_", "\\\\_") + " " + " ".join(
-                ("%.4f" % (row[a][1] / best_m)) if a in row and best_m > 0 else "NaN" for a in ALLOCATORS) + "\n")
+    write_ratios(dat, 0)
+    write_ratios(dat_rss, 1)
     png = os.path.join(docs, "benchmarks.png")
     plot = """
 set terminal pngcairo size 1200,900 font ",10"
