@@ -20,12 +20,21 @@ QUORLA_INLINE Struct_before_init_header* header_of(void* ptr) {
   return reinterpret_cast<Struct_before_init_header*>(static_cast<unsigned char*>(ptr) - 16);
 }
 
+// Clears what sbrk added in [base, base + bytes). Only the tail of the page that the old break
+// lay in can hold old data: the kernel unmaps whole pages above a lowered break and hands out
+// new pages zero-filled. Writing zeros over those would make the whole buffer resident in
+// every process (and on some kernels even reading them does).
+void clear_break_tail(unsigned char* base, unsigned long bytes) {
+  unsigned long tail = (0ul - reinterpret_cast<unsigned long>(base)) & 4095ul;
+  memset(base, 0, tail < bytes ? tail : bytes);
+}
+
 }  // namespace
 
 void Memory_before_init_data::init() {
   // The result is not tested: a failed sbrk makes the clearing below crash.
   ptr_base = static_cast<unsigned char*>(sbrk(k_before_init_byte));
-  memset(ptr_base, 0, k_before_init_byte);
+  clear_break_tail(ptr_base, k_before_init_byte);
   uint_all_byte = k_before_init_byte;
   uint_magic = k_memory_magic_flag;
   ptr_next = ptr_base;

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include <unistd.h>
+
 namespace quorla {
 namespace {
 
@@ -43,6 +45,21 @@ TEST_F(BeforeInitHeap, OneBufferSixteenByteHeadersAndUnits) {
   EXPECT_EQ(heap_->get_malloc_size(zero), 16u);
   EXPECT_EQ(heap_->get_malloc_size(one), 16u);
   EXPECT_EQ(heap_->get_malloc_size(heap_->malloc(17)), 32u);
+}
+
+// sbrk hands back the tail of the page the old break lay in, with whatever was written there.
+TEST_F(BeforeInitHeap, TheBufferIsZeroEvenWhereTheBreakHadBeenUsedBefore) {
+  // Move the break off a page boundary, so that the page under it stays mapped when it moves back.
+  ASSERT_NE(sbrk(128), reinterpret_cast<void*>(-1));
+  auto* dirty = static_cast<unsigned char*>(sbrk(64));
+  ASSERT_NE(dirty, reinterpret_cast<unsigned char*>(-1));
+  memset(dirty, 0xAB, 64);
+  ASSERT_NE(sbrk(-64), reinterpret_cast<void*>(-1));
+  heap_->malloc(16);
+  ASSERT_EQ(heap_->get_base_ptr(), dirty) << "the buffer starts at the old break";
+  for (unsigned i = 32; i < 64; ++i) EXPECT_EQ(dirty[i], 0) << "byte " << i;
+  const unsigned char* last = heap_->get_base_ptr() + k_before_init_byte - 64;
+  for (unsigned i = 0; i < 64; ++i) EXPECT_EQ(last[i], 0);
 }
 
 TEST_F(BeforeInitHeap, OnlyTheNewestValidBlockRewindsAndOnlyByItsOwnSize) {
