@@ -26,113 +26,94 @@
 namespace quorla {
 namespace {
 
-// ---- counting policies: records from A, areas and vectors from B -----------------------
+// ---- tracking policies: records (A), areas and vectors (B) from one checked heap --------
 
 struct Policy_counts {
-  unsigned long ulong_record_malloc = 0, ulong_record_free = 0;
-  std::map<void*, unsigned long> map_live_b;  // every live B block and its size
-  unsigned long ulong_area_byte = 0;          // the size that marks a B block as an area
-  unsigned long ulong_area_malloc = 0, ulong_area_free = 0;
+  std::map<void*, unsigned long> map_live;  // every live block and its size
+  unsigned long ulong_area_byte = 0;        // the size that marks a block as an area
+  unsigned long ulong_area_free = 0;
 };
 Policy_counts g_counts;
 
-struct Malloc_record {
-  void* operator()(unsigned long& size) const {
-    ++g_counts.ulong_record_malloc;
-    return ::malloc(size);
-  }
-};
-struct Free_record {
-  void operator()(void* ptr, unsigned long) const {
-    ++g_counts.ulong_record_free;
-    ::free(ptr);
-  }
-};
 // Page-aligned like the library's page supply, so that the first-touch mark can be checked.
-struct Malloc_area {
+struct Malloc_tracked {
   void* operator()(unsigned long& size) const {
-    void* ptr = aligned_alloc(4096, (size + 4095) & ~4095ul);
-    g_counts.map_live_b[ptr] = size;
-    g_counts.ulong_area_malloc += size == g_counts.ulong_area_byte;
-    return ptr;
+    return g_counts.map_live.emplace(aligned_alloc(4096, (size + 4095) & ~4095ul), size).first->first;
   }
 };
-struct Free_area {
+struct Free_tracked {
   void operator()(void* ptr, unsigned long size) const {
-    auto it = g_counts.map_live_b.find(ptr);
-    ASSERT_NE(it, g_counts.map_live_b.end()) << "B freed a block it never gave: " << ptr;
-    EXPECT_EQ(it->second, size) << "B freed with another size than it gave";
+    auto it = g_counts.map_live.find(ptr);
+    ASSERT_NE(it, g_counts.map_live.end()) << "freed a block never given: " << ptr;
+    EXPECT_EQ(it->second, size) << "freed with another size than given";
     g_counts.ulong_area_free += size == g_counts.ulong_area_byte;
-    g_counts.map_live_b.erase(it);
+    g_counts.map_live.erase(it);
     ::free(ptr);
   }
 };
-struct Realloc_area {
+struct Realloc_tracked {
   void* operator()(void* ptr, unsigned long old_size, unsigned long& new_size) const {
-    void* block = Malloc_area()(new_size);
-    memcpy(block, ptr, std::min(old_size, new_size));
-    Free_area()(ptr, old_size);
+    void* block = memcpy(Malloc_tracked()(new_size), ptr, std::min(old_size, new_size));
+    Free_tracked()(ptr, old_size);
     return block;
   }
 };
 
-using Test_pool = Memory_pool_without_lock<Memory_allocator<Malloc_record, Realloc_default, Free_record>,
-                                           Memory_allocator<Malloc_area, Realloc_area, Free_area>>;
+using Tracked = Memory_allocator<Malloc_tracked, Realloc_tracked, Free_tracked>;
+using Test_pool = Memory_pool_without_lock<Tracked, Tracked>;
 using Test_piece = Test_pool::Piece;
 constexpr unsigned int k_none = 0xFFFFFFFF;
 
+// A block's bit in its piece's bitmap: set while the block is handed out.
+template <class Piece>
+bool in_use(Piece* piece, void* block) {
+  const unsigned long bit = (static_cast<unsigned char*>(block) - 8 - piece->ptr_byte_block) / piece->uint_block_byte;
+  return (piece->ptr_ulong[bit >> 6] >> (bit & 63)) & 1;
+}
+
 class Pool_algorithm : public ::testing::Test {
  protected:
-  void SetUp() override { g_counts = Policy_counts(); }
   void TearDown() override { check_and_drop_pool(); }
   void check_and_drop_pool() {
     pool_.reset();
-    EXPECT_TRUE(g_counts.map_live_b.empty()) << "the pool's destruction left B blocks behind";
-    EXPECT_EQ(g_counts.ulong_record_malloc, g_counts.ulong_record_free);
+    EXPECT_TRUE(g_counts.map_live.empty()) << "the pool's destruction left records or areas behind";
     g_counts = Policy_counts();
   }
-  // A zero-filled pool plus set-up, with its first piece.
-  Test_pool& make_pool(unsigned int pitch, unsigned int min_normal_count,
-                       Test_pool::Page_type_function get_page_type = nullptr) {
+  // A zero-filled pool plus set-up (at least one piece kept), with its first piece.
+  Test_pool& make_pool(unsigned int pitch, Test_pool::Page_type_function get_page_type = nullptr) {
     g_counts.ulong_area_byte = 512ul * pitch;
     pool_.reset(new Test_pool());
-    pool_->set_up(pitch, min_normal_count, get_page_type, 0);
+    pool_->set_up(pitch, 1, get_page_type, 0);
     pool_->append_vt_normal();
     return *pool_;
   }
   std::vector<void*> take(unsigned int count) {
-    std::vector<void*> blocks;
-    for (unsigned int i = 0; i < count; ++i) blocks.push_back(pool_->pool_malloc());
+    std::vector<void*> blocks(count);
+    for (void*& block : blocks) block = pool_->pool_malloc();
     return blocks;
   }
   static Test_piece* piece_of(void* block) { return Test_pool::piece_of_block(block); }
-  static unsigned int bit_of(void* block) {
-    Test_piece* piece = piece_of(block);
-    return static_cast<unsigned int>((static_cast<unsigned char*>(block) - 8 - piece->ptr_byte_block) / piece->uint_block_byte);
-  }
-  static bool bit_set(Test_piece* piece, unsigned int bit) { return (piece->ptr_ulong[bit >> 6] >> (bit & 63)) & 1; }
 
   std::unique_ptr<Test_pool> pool_;
 };
 
+// All 512 blocks are taken before any payload is written, so that a payload reaching into
+// the next block's back pointer is not hidden by a later take rewriting it.
 TEST_F(Pool_algorithm, FirstPieceServesItsBlocksInOrderWithBackPointers) {
   for (unsigned int pitch : {128u, 120u, 512u}) {
     SCOPED_TRACE(pitch);
-    Test_pool& pool = make_pool(pitch, 1);
-    Test_piece* piece = pool.ptr_first_normal;
+    Test_piece* piece = make_pool(pitch).ptr_first_normal;
     ASSERT_NE(piece, nullptr);
+    std::vector<void*> blocks = take(512);
     for (unsigned int i = 0; i < 512; ++i) {
-      auto* block = static_cast<unsigned char*>(pool.pool_malloc());
-      ASSERT_EQ(block, piece->ptr_byte_block + static_cast<unsigned long>(i) * pitch + 8) << "block " << i;
-      ASSERT_EQ(piece_of(block), piece);
-      memset(block, 0xA5, pitch - 8);  // the payload is pitch - 8 bytes; the next back pointer survives
+      ASSERT_EQ(blocks[i], piece->ptr_byte_block + 8ul + i * pitch) << "block " << i;
+      memset(blocks[i], 0xA5, pitch - 8);  // the payload is pitch - 8 bytes
     }
-    EXPECT_EQ(pool.get_piece_count(), 1u) << "512 blocks fit in one piece";
+    EXPECT_EQ(pool_->get_piece_count(), 1u) << "512 blocks fit in one piece";
     for (unsigned int i = 0; i < 512; ++i) {
-      void* block = piece->ptr_byte_block + static_cast<unsigned long>(i) * pitch + 8;
-      ASSERT_EQ(piece_of(block), piece) << "back pointer of block " << i << " damaged";
-      Test_pool::free(block);
-      ASSERT_FALSE(bit_set(piece, i));
+      ASSERT_EQ(piece_of(blocks[i]), piece) << "back pointer of block " << i << " damaged";
+      Test_pool::free(blocks[i]);
+      ASSERT_FALSE(in_use(piece, blocks[i]));
     }
     EXPECT_EQ(piece->uint_free_bit, 512u);
     EXPECT_EQ(g_counts.ulong_area_free, 0u) << "the only piece is kept when it empties";
@@ -141,70 +122,53 @@ TEST_F(Pool_algorithm, FirstPieceServesItsBlocksInOrderWithBackPointers) {
 }
 
 // A used-up piece is set aside only when the next take needs it; it comes back, at the end
-// of the line and without taking the lead, at its 64th free block.
+// of the line and without taking the lead, at its 64th free block, and the last entry of the
+// full list fills the hole it leaves there.
 TEST_F(Pool_algorithm, AUsedUpPieceGoesAsideAndComesBackAtSixtyFourFree) {
-  Test_pool& pool = make_pool(128, 1);
-  std::vector<void*> first = take(512);
-  Test_piece* piece1 = pool.ptr_first_normal;
+  Test_pool& pool = make_pool(128);
+  std::vector<void*> a = take(512);
   EXPECT_EQ(pool.vt_full.size(), 0u);
-  void* block513 = pool.pool_malloc();
-  Test_piece* piece2 = piece_of(block513);
-  ASSERT_NE(piece2, piece1);
-  EXPECT_EQ(pool.ptr_first_normal, piece2);
-  ASSERT_EQ(pool.vt_normal.size(), 1u);
-  ASSERT_EQ(pool.vt_full.size(), 1u);
-  EXPECT_EQ(pool.vt_full[0].ptr_t, piece1);
-  EXPECT_EQ(piece1->uint_offset_normal, k_none);
-  EXPECT_EQ(piece1->uint_offset_full, 0u);
-
-  for (int i = 0; i < 63; ++i) Test_pool::free(first[i * 7]);
-  EXPECT_EQ(pool.vt_full.size(), 1u) << "63 free blocks are not enough";
-  Test_pool::free(first[500]);
-  EXPECT_EQ(pool.vt_full.size(), 0u);
-  ASSERT_EQ(pool.vt_normal.size(), 2u);
-  EXPECT_EQ(pool.vt_normal[1].ptr_t, piece1) << "it goes to the end of the line";
-  EXPECT_EQ(piece1->uint_offset_normal, 1u);
-  EXPECT_EQ(piece1->uint_offset_full, k_none);
-  EXPECT_EQ(pool.ptr_first_normal, piece2) << "no piece takes the lead";
-  EXPECT_EQ(piece_of(pool.pool_malloc()), piece2);
-  take(510);  // piece 2 used up: the next take sets it aside and piece 1 leads from index 0
-  EXPECT_EQ(piece_of(pool.pool_malloc()), piece1);
-  EXPECT_EQ(piece1->uint_offset_normal, 0u);
-}
-
-TEST_F(Pool_algorithm, LeavingTheFullListFixesTheOffsetOfTheEntryThatFillsTheHole) {
-  Test_pool& pool = make_pool(128, 1);
-  std::vector<void*> a = take(512), b = take(512), c = take(512);  // set aside in turn
-  pool.pool_malloc();
+  std::vector<void*> b = take(512), c = take(512);  // set aside in turn
+  Test_piece *piece_a = piece_of(a[0]), *piece_c = piece_of(c[0]), *piece_d = piece_of(pool.pool_malloc());
   ASSERT_EQ(pool.vt_full.size(), 3u);
-  Test_piece* piece_c = piece_of(c[0]);
-  ASSERT_EQ(piece_of(a[0])->uint_offset_full, 0u);
-  ASSERT_EQ(piece_c->uint_offset_full, 2u);
-  for (int i = 0; i < 64; ++i) Test_pool::free(a[i]);
+  EXPECT_EQ(pool.vt_full[0].ptr_t, piece_a);
+  EXPECT_EQ(piece_a->uint_offset_normal, k_none);
+  EXPECT_EQ(piece_a->uint_offset_full, 0u);
+  EXPECT_EQ(piece_c->uint_offset_full, 2u);
+
+  for (int i = 0; i < 63; ++i) Test_pool::free(a[i * 7]);
+  EXPECT_EQ(pool.vt_full.size(), 3u) << "63 free blocks are not enough";
+  Test_pool::free(a[500]);
   ASSERT_EQ(pool.vt_full.size(), 2u);
   EXPECT_EQ(pool.vt_full[0].ptr_t, piece_c) << "the last entry fills the hole";
   EXPECT_EQ(piece_c->uint_offset_full, 0u);
-  for (int i = 0; i < 64; ++i) Test_pool::free(c[i]);  // and leaves from its new place
-  EXPECT_EQ(pool.vt_full.size(), 1u);
+  ASSERT_EQ(pool.vt_normal.size(), 2u);
+  EXPECT_EQ(pool.vt_normal[1].ptr_t, piece_a) << "it goes to the end of the line";
+  EXPECT_EQ(piece_a->uint_offset_normal, 1u);
+  EXPECT_EQ(piece_a->uint_offset_full, k_none);
+  EXPECT_EQ(pool.ptr_first_normal, piece_d) << "no piece takes the lead";
+  EXPECT_EQ(piece_of(pool.pool_malloc()), piece_d);
+  take(510);  // piece d used up: the next take sets it aside and piece a leads from index 0
+  EXPECT_EQ(piece_of(pool.pool_malloc()), piece_a);
+  EXPECT_EQ(piece_a->uint_offset_normal, 0u);
+  for (int i = 0; i < 64; ++i) Test_pool::free(c[i]);  // c leaves the full list from its new place
+  EXPECT_EQ(pool.vt_full.size(), 2u);
   EXPECT_EQ(piece_c->uint_offset_full, k_none);
   EXPECT_EQ(pool.vt_normal[piece_c->uint_offset_normal].ptr_t, piece_c);
 }
 
 TEST_F(Pool_algorithm, AnEmptyPieceGoesOnlyWhileMoreThanTheMinimumRemain) {
-  Test_pool& pool = make_pool(128, 1);
+  Test_pool& pool = make_pool(128);
   std::vector<void*> first = take(512), second = take(10);
   Test_piece* piece1 = piece_of(first[0]);
-  Test_piece* piece2 = piece_of(second[0]);
   for (int i = 0; i < 64; ++i) Test_pool::free(first[i]);  // piece 1 back in line behind piece 2
-  ASSERT_EQ(pool.vt_normal.size(), 2u);
-  ASSERT_EQ(pool.vt_normal[0].ptr_t, piece2);
+  ASSERT_EQ(pool.vt_normal[0].ptr_t, piece_of(second[0]));
   // Piece 2, at index 0, empties: it and its area go, piece 1 takes its index and the lead.
   for (void* block : second) Test_pool::free(block);
   EXPECT_EQ(g_counts.ulong_area_free, 1u);
   ASSERT_EQ(pool.vt_normal.size(), 1u);
   EXPECT_EQ(pool.vt_normal[0].ptr_t, piece1);
   EXPECT_EQ(piece1->uint_offset_normal, 0u);
-  EXPECT_EQ(pool.ptr_first_normal, piece1);
   EXPECT_EQ(pool.pool_malloc(), first[0]) << "the next take comes from the new lead";
   // Piece 1 is now the only one: emptying it keeps it and its area.
   Test_pool::free(first[0]);
@@ -225,7 +189,7 @@ TEST_F(Pool_algorithm, FirstTouchMark) {
                         Case{false, &page_type_huge, false}, Case{true, nullptr, false}}) {
     const bool marks = std::get<2>(c);
     g_bool_memory_enable_page_prefault = std::get<0>(c);
-    Test_piece* piece = make_pool(128, 1, std::get<1>(c)).ptr_first_normal;
+    Test_piece* piece = make_pool(128, std::get<1>(c)).ptr_first_normal;
     const unsigned long area = reinterpret_cast<unsigned long>(piece->ptr_byte_block);
     EXPECT_EQ(piece->ptr_byte_touch, marks ? 0 : ~0ul);
     take(32);  // 32 blocks of 128 in a page
@@ -242,7 +206,7 @@ TEST_F(Pool_algorithm, FirstTouchMark) {
 // On a thread bound to one CPU, so that every call lands on the same entry: a release only
 // waits in the queue and is applied at the entry's next take, which finds the block again.
 TEST(Pool_part_cpu, ReleasesWaitInTheQueueUntilTheEntrysNextTake) {
-  std::thread thread([] {
+  std::thread([] {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(static_cast<unsigned int>(sched_getcpu()), &set);
@@ -250,19 +214,16 @@ TEST(Pool_part_cpu, ReleasesWaitInTheQueueUntilTheEntrysNextTake) {
     unsigned long size = 120;
     void* block = Malloc_pool_size_128()(size);
     auto* pool = static_cast<Memory_pool_size_128*>(Memory_pool_size_128::pool_of_block(block));
-    auto* piece = Memory_pool_size_128::piece_of_block(block);
-    const unsigned int bit = static_cast<unsigned int>((static_cast<unsigned char*>(block) - 8 - piece->ptr_byte_block) / 128);
     EXPECT_EQ(pool, &g_ar_memory_pool_size_128[pool->uint_part_cpu_offset]);
     Free_pool_size_128()(block, 120);
-    EXPECT_TRUE((piece->ptr_ulong[bit >> 6] >> (bit & 63)) & 1) << "a release is only queued";
+    EXPECT_TRUE(in_use(Memory_pool_size_128::piece_of_block(block), block)) << "a release is only queued";
     EXPECT_NE(pool->uint_wait_release_count, 0u);
     void* next = Malloc_pool_size_128()(size);
     EXPECT_EQ(pool->uint_wait_release_count, 0u);
     EXPECT_TRUE(pool->queue_wait_release.queue.is_empty());
     EXPECT_EQ(next, block) << "the applied release moved the cursor back to the block";
     Free_pool_size_128()(next, 120);
-  });
-  thread.join();
+  }).join();
 }
 
 // ---- the 120-byte limit ----------------------------------------------------------------
@@ -296,6 +257,7 @@ class Root_pool : public ::testing::Test {
   unsigned long block_at(unsigned int bit) const {
     return reinterpret_cast<unsigned long>(pool_->vt_normal[0].ptr_t->ptr_byte_block + bit * 128ul + 8);
   }
+  unsigned long take() { return reinterpret_cast<unsigned long>(pool_->malloc_block()); }
   void locked(void (Memory_pool_size_128_base::*step)()) {
     pool_->mutex_ar_atomic.lock();
     (pool_.get()->*step)();
@@ -306,33 +268,32 @@ class Root_pool : public ::testing::Test {
 };
 
 // Construction fills the malloc side; after 31 takes the next refills every slot first and
-// then takes a block from the pool itself.
-TEST_F(Root_pool, TheMallocSideIsRefilledWholeWhenEmpty) {
+// then takes a block from the pool itself. The free side holds 31 releases; the 32nd sends
+// them and itself back to the pool.
+TEST_F(Root_pool, EachSideIsRefilledOrEmptiedWholeAtItsLimit) {
   EXPECT_EQ(used_in_pool(), 31u);
   EXPECT_EQ(filled(k_side, 2 * k_side), 0u);
+  std::vector<unsigned long> blocks;
   for (unsigned int i = 0; i < k_side; ++i) {
     EXPECT_EQ(slot(i), block_at(i)) << i;
-    EXPECT_EQ(reinterpret_cast<unsigned long>(pool_->malloc_block()), block_at(i)) << "slot " << i;
+    blocks.push_back(take());
+    EXPECT_EQ(blocks.back(), block_at(i)) << "slot " << i;
     EXPECT_EQ(pool_->uint_ar_malloc_offset, i + 1);
   }
   EXPECT_EQ(filled(0, k_side), 0u);
-  EXPECT_EQ(reinterpret_cast<unsigned long>(pool_->malloc_block()), block_at(62));
+  blocks.push_back(take());
+  EXPECT_EQ(blocks.back(), block_at(62));
   EXPECT_EQ(pool_->uint_ar_malloc_offset, 0u);
   for (unsigned int i = 0; i < k_side; ++i) EXPECT_EQ(slot(i), block_at(31 + i));
   EXPECT_EQ(used_in_pool(), 63u);
-}
 
-TEST_F(Root_pool, The32ndReleaseEmptiesTheFreeSide) {
-  std::vector<void*> blocks;
-  for (int i = 0; i < 40; ++i) blocks.push_back(pool_->malloc_block());
-  const unsigned long used = used_in_pool();
-  for (unsigned int i = 0; i < k_side; ++i) pool_->free_block(blocks[i]);
-  for (unsigned int i = 0; i < k_side; ++i) EXPECT_EQ(slot(k_side + i), reinterpret_cast<unsigned long>(blocks[i]));
-  EXPECT_EQ(used_in_pool(), used) << "the free side holds them; the pool still counts them in use";
-  pool_->free_block(blocks[31]);
+  for (unsigned int i = 0; i < k_side; ++i) pool_->free_block(reinterpret_cast<void*>(blocks[i]));
+  for (unsigned int i = 0; i < k_side; ++i) EXPECT_EQ(slot(k_side + i), blocks[i]);
+  EXPECT_EQ(used_in_pool(), 63u) << "the free side holds them; the pool still counts them in use";
+  pool_->free_block(reinterpret_cast<void*>(blocks[31]));
   EXPECT_EQ(pool_->uint_ar_free_count, 0u);
   EXPECT_EQ(filled(k_side, 2 * k_side), 0u);
-  EXPECT_EQ(used_in_pool(), used - 32) << "the 31 slots and the 32nd block went back to the pool";
+  EXPECT_EQ(used_in_pool(), 63u - 32) << "the 31 slots and the 32nd block went back to the pool";
 }
 
 TEST_F(Root_pool, PrepareFillsOnlyEmptySlotsAndReleaseStopsAtTheFirstEmpty) {
@@ -361,9 +322,7 @@ TEST_F(Root_pool, ThreadsTakingAndGivingAtOnceNeverShareABlockAndLoseNone) {
   std::atomic<unsigned long> shared_twice{0}, payload_damaged{0};
   std::atomic<bool> go{false};
   auto give_back = [&](unsigned long* block) {
-    std::unique_lock<std::mutex> lock(mutex_held);
-    held.erase(block);
-    lock.unlock();
+    { std::lock_guard<std::mutex> lock(mutex_held); held.erase(block); }
     pool_->free_block(block);
   };
   std::vector<std::thread> threads;
@@ -375,19 +334,15 @@ TEST_F(Root_pool, ThreadsTakingAndGivingAtOnceNeverShareABlockAndLoseNone) {
       for (unsigned int round = 0; round < 100000; ++round) {
         if (mine.empty() || (mine.size() < 64 && random() % 2 == 0)) {
           auto* block = static_cast<unsigned long*>(pool_->malloc_block());
-          std::unique_lock<std::mutex> lock(mutex_held);
-          shared_twice += !held.insert(block).second;
-          lock.unlock();
+          { std::lock_guard<std::mutex> lock(mutex_held); shared_twice += !held.insert(block).second; }
           // A token over the whole payload: another holder would overwrite it.
-          for (int i = 0; i < 15; ++i) block[i] = (static_cast<unsigned long>(t) << 32) | round;
+          std::fill(block, block + 15, (static_cast<unsigned long>(t) << 32) | round);
           mine.push_back(block);
         } else {
           std::swap(mine[random() % mine.size()], mine.back());
           unsigned long* block = mine.back();
           mine.pop_back();
-          bool damaged = (block[0] >> 32) != t;
-          for (int i = 1; i < 15; ++i) damaged |= block[i] != block[0];
-          payload_damaged += damaged;
+          payload_damaged += (block[0] >> 32) != t || std::count(block, block + 15, block[0]) != 15;
           give_back(block);
         }
       }
