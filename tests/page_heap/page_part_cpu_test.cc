@@ -6,6 +6,7 @@
 #include <sched.h>
 
 #include <cstring>
+#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -18,12 +19,10 @@ namespace {
 
 // The pieces an entry holds and their free pages, read under the entry's lock.
 std::pair<unsigned int, unsigned long> state_of(Memory_page_part_cpu& entry) {
-  entry.mutex_group.lock();
-  unsigned long free_pages = 0;
-  for (unsigned int i = 0; i < entry.vt_normal.size(); ++i) free_pages += entry.vt_normal[i].ptr_t->uint_free_bit;
-  for (unsigned int i = 0; i < entry.vt_full.size(); ++i) free_pages += entry.vt_full[i].ptr_t->uint_free_bit;
-  std::pair<unsigned int, unsigned long> state(entry.vt_normal.size() + entry.vt_full.size(), free_pages);
-  entry.mutex_group.unlock();
+  std::lock_guard<decltype(entry.mutex_group)> lock(entry.mutex_group);
+  std::pair<unsigned int, unsigned long> state(entry.vt_normal.size() + entry.vt_full.size(), 0);
+  for (unsigned int i = 0; i < entry.vt_normal.size(); ++i) state.second += entry.vt_normal[i].ptr_t->uint_free_bit;
+  for (unsigned int i = 0; i < entry.vt_full.size(); ++i) state.second += entry.vt_full[i].ptr_t->uint_free_bit;
   return state;
 }
 
