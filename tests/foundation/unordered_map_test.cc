@@ -89,9 +89,7 @@ template <class Map>
 Record record(Map& map, unsigned int home) { return {map.slot(home).uint_home_count, map.slot(home).uint_probe_limit}; }
 
 template <class Map>
-unsigned int not_found_of(Map& map) {
-  return std::is_same<Map, Allocator_map>::value ? 0xFFFFFFFFu : map.bucket_count();
-}
+unsigned int not_found_of(Map& map) { return std::is_same<Map, Allocator_map>::value ? 0xFFFFFFFFu : map.bucket_count(); }
 
 TYPED_TEST(MapTest, LoadLimitGrowthAndReserve) {
   TypeParam map;
