@@ -30,27 +30,25 @@ struct Counting_store {
   void free(void* ptr, unsigned long) const { ++g_counters.frees; ::free(ptr); }
 };
 // The key is its own hash (cut to 32 bits by the map), and every call is counted.
-struct Identity_hash {
-  size_t operator()(const unsigned long& key) const { ++g_counters.hashes; return key; }
-};
+struct Identity_hash { size_t operator()(const unsigned long& key) const { ++g_counters.hashes; return key; } };
 struct Counting_equal {
   bool operator()(const unsigned long& a, const unsigned long& b) const { ++g_counters.compares; return a == b; }
 };
 // Sixteen homes only, every key's hash known: heavy clustering and wrap-around.
-struct Clustering_hash {
-  size_t operator()(const unsigned long& key) const { return (key % 16) * 16 + 0xF0; }
-};
+struct Clustering_hash { size_t operator()(const unsigned long& key) const { return (key % 16) * 16 + 0xF0; } };
 
 using Plain_map = unordered_map<unsigned long, unsigned long, Identity_hash, Counting_equal>;
 using Allocator_map = unordered_map_allocator<unsigned long, unsigned long, Identity_hash, Counting_equal, Counting_store>;
 
 std::string escape_regex(const std::string& text) {
   std::string out;
-  for (char c : text) {
-    if (std::strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
+  for (char c : text) out += std::strchr("\\^$.|?*+()[]{}", c) != nullptr ? std::string{'\\', c} : std::string{c};
   return out;
+}
+// A whole message line of the allocator map: its text, where it was written, and the function.
+std::string located_message(const std::string& text, const std::string& function) {
+  return "^" + escape_regex(text + ", File=quorla_unordered_map_allocator, Line=") + "[0-9]+" +
+         escape_regex(", Func=" + function + "\r\n") + "$";
 }
 
 // Checked from the slots alone: every key lies inside its home's probe range, is found at its
@@ -85,10 +83,13 @@ class MapTest : public ::testing::Test {
 using Map_forms = ::testing::Types<Plain_map, Allocator_map>;
 TYPED_TEST_SUITE(MapTest, Map_forms);
 
+// A home's record: how many keys call it home, and how far its probe range reaches.
+using Record = std::pair<unsigned int, unsigned int>;
 template <class Map>
-unsigned int not_found_of(Map& map) {
-  return std::is_same<Map, Allocator_map>::value ? 0xFFFFFFFFu : map.bucket_count();
-}
+Record record(Map& map, unsigned int home) { return {map.slot(home).uint_home_count, map.slot(home).uint_probe_limit}; }
+
+template <class Map>
+unsigned int not_found_of(Map& map) { return std::is_same<Map, Allocator_map>::value ? 0xFFFFFFFFu : map.bucket_count(); }
 
 TYPED_TEST(MapTest, LoadLimitGrowthAndReserve) {
   TypeParam map;
@@ -157,42 +158,31 @@ TYPED_TEST(MapTest, LookupsStopAtTheProbeLimitAndReadKeysOnlyOnAHashMatch) {
 
 TYPED_TEST(MapTest, HomeRecordsOnEraseIncludingTheCountLeftTooHigh) {
   TypeParam map;
-  // A lone key in its home: erase drops the limit to 0 and leaves the count at 1.
-  map.insert_return_iterator_bool(20, 0);
-  map.erase(map.find(20));
-  EXPECT_EQ(map.slot(20).uint_probe_limit, 0u);
-  EXPECT_EQ(map.slot(20).uint_home_count, 1u);
-
-  // Two keys of one home: the limit stays while a key of the home remains; the home resets with the last.
-  map.insert_return_iterator_bool(40, 0);
-  map.insert_return_iterator_bool(40 + 256, 0);
-  map.erase(map.find(40));
-  EXPECT_EQ(map.slot(40).uint_home_count, 1u);
-  EXPECT_EQ(map.slot(40).uint_probe_limit, 2u);
-  map.erase(map.find(40 + 256));
-  EXPECT_EQ(map.slot(40).uint_home_count, 0u);
-  EXPECT_EQ(map.slot(40).uint_probe_limit, 0u);
-
-  // Home 20 again, its count one too high: after both new keys go the count stays at 1 and the
-  // limit at 2, so the home never resets and a lookup walks the empty range to find nothing.
-  map.insert_return_iterator_bool(20, 0);
-  map.insert_return_iterator_bool(20 + 256, 0);
-  EXPECT_EQ(map.slot(20).uint_home_count, 3u);
-  map.erase(map.find(20));
-  map.erase(map.find(20 + 256));
-  EXPECT_EQ(map.slot(20).uint_home_count, 1u);
-  EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
-  EXPECT_EQ(map.find_offset(20 + 256), not_found_of(map));
+  // Each step inserts (+) or erases (-) a key, then reads its home's count and probe limit.
+  struct Step { char op; unsigned long key; unsigned int count, limit; };
+  const Step steps[] = {
+      {'+', 20, 1, 1}, {'-', 20, 1, 0},  // a lone key: the limit drops to 0, the count stays at 1
+      // Two keys of one home: the limit stays while a key of the home remains; the home resets with the last.
+      {'+', 40, 1, 1}, {'+', 40 + 256, 2, 2}, {'-', 40, 1, 2}, {'-', 40 + 256, 0, 0},
+      // Home 20 again, its count one too high: it never gets back to 0, so the home never
+      // resets and the limit stays at 2.
+      {'+', 20, 2, 1}, {'+', 20 + 256, 3, 2}, {'-', 20, 2, 2}, {'-', 20 + 256, 1, 2}};
+  for (const Step& step : steps) {
+    SCOPED_TRACE(std::string(1, step.op) + std::to_string(step.key));
+    if (step.op == '+') ASSERT_TRUE(map.insert_return_iterator_bool(step.key, 0).second);
+    else map.erase(map.find(step.key));
+    EXPECT_EQ(record(map, step.key % 256), Record(step.count, step.limit));
+  }
+  EXPECT_EQ(map.find_offset(20 + 256), not_found_of(map)) << "a lookup walks the empty range to find nothing";
+  EXPECT_EQ(map.size(), 0u);
 
   // An empty table grows keeping the stale records; a table with keys is rebuilt from them.
   map.reserve(512);
-  EXPECT_EQ(map.slot(20).uint_home_count, 1u);
-  EXPECT_EQ(map.slot(20).uint_probe_limit, 2u);
+  EXPECT_EQ(record(map, 20), Record(1, 2));
   map.insert_return_iterator_bool(20 + 512, 6);
   map.reserve(1024);
-  EXPECT_EQ(map.slot(20).uint_home_count, 0u);
-  EXPECT_EQ(map.slot(20).uint_probe_limit, 0u);
-  EXPECT_EQ(map.slot(532).uint_home_count, 1u);
+  EXPECT_EQ(record(map, 20), Record(0, 0));
+  EXPECT_EQ(record(map, 532), Record(1, 1));
   check_invariants<Identity_hash>(map);
 }
 
@@ -207,37 +197,26 @@ TEST(MapAllocation, TheConstructorAllocatesAndInsertsAllocateOnlyOnGrowth) {
   EXPECT_EQ(g_counters.frees, 2) << "the map's array is released with it";
 }
 
-TEST(MapMessages, EraseThroughABadIteratorWritesTheMessageAndGoesOn) {
+TEST(MapMessagesDeathTest, BadEraseIsReportedAndSurvivedTooBigReserveAndBadCountAbort) {
   Allocator_map map;
-  map.insert_return_iterator_bool(7, 7);
-  testing::internal::CaptureStderr();
-  auto result = map.erase(map.end());
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(result == map.end());
-  EXPECT_EQ(map.size(), 1u);
-  EXPECT_TRUE(::testing::internal::RE::FullMatch(
-      err, escape_regex("Error: unordered_map_allocator::erase() bad C++ code. uint_offset >= d_vt_st_wrap.size(). "
-                        "uint_offset=256, d_vt_st_wrap.size()=256, File=quorla_unordered_map_allocator, Line=") +
-               "[0-9]+" + escape_regex(", Func=erase\r\n")))
-      << err;
-}
-
-TEST(MapMessagesDeathTest, ReserveAboveTheMaximumAndABadCountAbort) {
-  Allocator_map map;
-  EXPECT_DEATH(map.reserve(67108865),
-               escape_regex("Error: unordered_map_allocator::get_vt_resize_size() ulong_out too big. "
-                            "ulong_out=134217728, max_bucket_count=67108864, uint_in=67108865, "
-                            "File=quorla_unordered_map_allocator, Line=") +
-                   "[0-9]+" + escape_regex(", Func=get_vt_resize_size\r\n"));
-  // The largest request: the power of two is taken in 64 bits.
-  EXPECT_DEATH(map.get_vt_resize_size(0xFFFFFFFFu),
-               escape_regex("ulong_out=4294967296, max_bucket_count=67108864, uint_in=4294967295, "));
-  // A count that disagrees with the slots aborts the rebuild.
   Plain_map plain;
   for (unsigned long key : {1ul, 2ul, 3ul}) {
     map.insert_return_iterator_bool(key, key);
     plain.insert_return_iterator_bool(key, key);
   }
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(map.erase(map.end()) == map.end());
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(map.size(), 3u);
+  EXPECT_TRUE(::testing::internal::RE::FullMatch(err, located_message("Error: unordered_map_allocator::erase() bad C++ code. "
+      "uint_offset >= d_vt_st_wrap.size(). uint_offset=256, d_vt_st_wrap.size()=256", "erase"))) << err;
+
+  EXPECT_DEATH(map.reserve(67108865), located_message("Error: unordered_map_allocator::get_vt_resize_size() ulong_out too big. "
+      "ulong_out=134217728, max_bucket_count=67108864, uint_in=67108865", "get_vt_resize_size"));
+  // The largest request: the power of two is taken in 64 bits.
+  EXPECT_DEATH(map.get_vt_resize_size(0xFFFFFFFFu),
+               escape_regex("ulong_out=4294967296, max_bucket_count=67108864, uint_in=4294967295, "));
+  // A count that disagrees with the slots aborts the rebuild.
   map.data_count = 5;
   EXPECT_DEATH(map.inner_rehash(512),
                escape_regex("Error: unordered_map_allocator::copy_vt_data_move() find bug. count=3, data_count=5\r\n"));
@@ -255,7 +234,6 @@ void run_against_model(unsigned int seed, unsigned long key_range, Value_of valu
   std::mt19937_64 random(seed);
   Map map;
   std::unordered_map<unsigned long, Value> model;
-  unsigned int max_buckets = 0;
   for (int step = 0; step < 20000; ++step) {
     unsigned long key = random() % key_range;
     unsigned int choice = static_cast<unsigned int>(random() % 10);
@@ -277,28 +255,14 @@ void run_against_model(unsigned int seed, unsigned long key_range, Value_of valu
       }
     }
     ASSERT_EQ(map.size(), model.size());
-    if (map.bucket_count() > max_buckets) max_buckets = map.bucket_count();
     if (step % 997 == 0) check_invariants<H>(map);
   }
   check_invariants<H>(map);
   size_t visited = 0;
   for (auto it = map.begin(); it != map.end(); ++it, ++visited) ASSERT_TRUE(it->value == model.at(it->key));
   EXPECT_EQ(visited, model.size());
-  EXPECT_GE(max_buckets, 1024u) << "the run should have grown the table";
+  EXPECT_GE(map.bucket_count(), 1024u) << "the run should have grown the table (it never shrinks)";
 }
-
-unsigned int test_seed() {
-  static unsigned int seed = [] {
-    const char* text = std::getenv("QUORLA_TEST_SEED");
-    unsigned int value = text != nullptr ? static_cast<unsigned int>(std::strtoul(text, nullptr, 10)) : std::random_device()();
-    std::printf("unordered_map model seed %u\n", value);
-    return value;
-  }();
-  return seed;
-}
-
-template <class H>
-using Library_map = unordered_map_allocator<unsigned long, unsigned long, H, std::equal_to<unsigned long>, Counting_store>;
 
 // CRC of 2 MB aligned addresses, as the large-block map sees them.
 struct Aligned_keys {
@@ -306,13 +270,16 @@ struct Aligned_keys {
 };
 
 TEST(MapModel, RandomRunsAgainstStdUnorderedMap) {
-  auto same = [](unsigned long r) { return r; };
-  run_against_model<Library_map<Aligned_keys>, Aligned_keys>(test_seed() + 1, 1500, same);
+  const char* text = std::getenv("QUORLA_TEST_SEED");
+  const unsigned int seed = text != nullptr ? static_cast<unsigned int>(std::strtoul(text, nullptr, 10)) : std::random_device()();
+  std::printf("unordered_map model seed %u\n", seed);
+  run_against_model<unordered_map_allocator<unsigned long, unsigned long, Aligned_keys, std::equal_to<unsigned long>, Counting_store>,
+                    Aligned_keys>(seed + 1, 1500, [](unsigned long r) { return r; });
   // Sixteen homes, so runs overlap, wrap past the last slot and keep stale limits.
   run_against_model<unordered_map<unsigned long, std::string, Clustering_hash>, Clustering_hash>(
-      test_seed() + 2, 1200, [](unsigned long r) { return std::string(r % 40, static_cast<char>('a' + r % 26)); });
+      seed + 2, 1200, [](unsigned long r) { return std::string(r % 40, static_cast<char>('a' + r % 26)); });
   run_against_model<unordered_map<unsigned long, std::string, Identity_hash>, Identity_hash>(
-      test_seed() + 3, 3000, [](unsigned long r) { return std::to_string(r); });
+      seed + 3, 3000, [](unsigned long r) { return std::to_string(r); });
 }
 
 }  // namespace
