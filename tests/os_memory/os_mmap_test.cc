@@ -169,16 +169,12 @@ TEST_F(Os_mmap_test, FailureLinesAreBuiltWithoutAllocating) {
   char hex[32];
   snprintf(hex, sizeof(hex), "%016lx", addr(ptr + 1));  // munmap refuses ptr + 1 with EINVAL
   const int k_terminated = malloc_call_counter::k_int_terminate_exit_code;
-  struct Case {
-    bool bool_unmap, bool_handler;
-    unsigned int uint_fail_first;
-    std::string str_expected;
-    int int_exit;
-  } const cases[] = {{false, true, ~0u, eight + "<terminate>", k_terminated},
-                     {false, false, ~0u, line + "<terminate>", k_terminated},
-                     {false, true, 3, eight.substr(0, eight.size() / 8 * 3), 0},
-                     {true, false, 0, std::string("Warn: os_free_unmap_without_lock() failed. ptr_void_in=") + hex +
-                                          ", size=4096, errno=22, strerror=" + strerror(EINVAL) + "\r\n", 0}};
+  struct Case { bool bool_unmap, bool_handler; unsigned int uint_fail_first; std::string str_expected; int int_exit; };
+  const Case cases[] = {{false, true, ~0u, eight + "<terminate>", k_terminated},
+                        {false, false, ~0u, line + "<terminate>", k_terminated},
+                        {false, true, 3, eight.substr(0, eight.size() / 8 * 3), 0},
+                        {true, false, 0, std::string("Warn: os_free_unmap_without_lock() failed. ptr_void_in=") + hex +
+                                             ", size=4096, errno=22, strerror=" + strerror(EINVAL) + "\r\n", 0}};
   for (const Case& c : cases) {
     auto outcome = malloc_call_counter::run_in_child([&c, ptr] {
       std::set_terminate(&malloc_call_counter::terminate_marker);

@@ -58,25 +58,19 @@ struct Numa_test : ::testing::Test {
 };
 
 // Chunk i is parsed from index 16 * i up to the first non-hex digit and names CPUs 64 * i
-// and up; commas are not special.
+// and up; commas are not special, a blank ends the first chunk below, and a kernel cpumap
+// of one 32-bit group is read whole.
 TEST_F(Numa_test, CpumapTextIsReadInSixteenDigitChunksLowestCpusFirst) {
-  struct Case {
-    const char* ptr_text;
-    unsigned int uint_node, uint_first, uint_last, uint_extra;  // CPUs first..last and extra
-  } const cases[] = {
-      {"00000000000000f0 000000000000001", 2, 4, 7, 64},  // a blank ends the first chunk
-      {"  0x3", 1, 0, 1, 0},
-      {"00000300\n", 4, 8, 9, 8},                         // one 32-bit kernel group
-      {"000000000000000,000000000000000,ffffffffffffffff", 5, 128, 135, 128},
-  };
-  for (const Case& c : cases) {
+  for (auto [text, node, first, last, extra] :  // node gets CPUs first..last and extra
+       {std::tuple{"00000000000000f0 000000000000001", 2u, 4u, 7u, 64u}, {"  0x3", 1u, 0u, 1u, 0u},
+        {"00000300\n", 4u, 8u, 9u, 8u}, {"000000000000000,000000000000000,ffffffffffffffff", 5u, 128u, 135u, 128u}}) {
     clear_tables();
-    std::string text = c.ptr_text;
-    set_ar_numa_node_offset_cpu_from_hex_txt(c.uint_node, &text[0]);
+    std::string copy = text;
+    set_ar_numa_node_offset_cpu_from_hex_txt(node, &copy[0]);
     for (unsigned int cpu = 0; cpu < k_max_cpu_count; ++cpu) {
-      bool on = (cpu >= c.uint_first && cpu <= c.uint_last) || cpu == c.uint_extra;
-      ASSERT_EQ(g_ar_uchar_numa_node_offset_cpu[cpu], on ? c.uint_node : 0) << c.ptr_text << " cpu " << cpu;
-      ASSERT_EQ(g_ar_uchar_numa_node_memory_offset_cpu[cpu], 0) << c.ptr_text;
+      bool on = (cpu >= first && cpu <= last) || cpu == extra;
+      ASSERT_EQ(g_ar_uchar_numa_node_offset_cpu[cpu], on ? node : 0) << text << " cpu " << cpu;
+      ASSERT_EQ(g_ar_uchar_numa_node_memory_offset_cpu[cpu], 0) << text;
     }
   }
 }
@@ -153,10 +147,8 @@ bool policy_of(void* ptr, int& mode, unsigned long (&words)[16]) {
 // The machine's own /sys; with its masks a binding to node 0 takes.
 TEST_F(Numa_test, MachineTopologyAndBinding) {
   if (!std::filesystem::exists(k_numa_node_root)) GTEST_SKIP() << k_numa_node_root << " does not exist here";
-  unsigned int expected_max = 0;  // nodes contiguous from 0 (a sysfs cpumap is never empty)
-  while (std::filesystem::exists(std::string(k_numa_node_root) + "/node" + std::to_string(expected_max + 1) + "/cpumap")) {
-    ++expected_max;
-  }
+  unsigned int expected_max = 0;  // nodes contiguous from 0, each with a non-empty cpumap
+  while (std::filesystem::exists(std::string(k_numa_node_root) + "/node" + std::to_string(expected_max + 1))) ++expected_max;
   g_uint_cpu_count = static_cast<unsigned int>(sysconf(_SC_NPROCESSORS_ONLN));
   ASSERT_LE(g_uint_cpu_count, k_max_cpu_count) << "this machine has more CPUs than the library supports";
   EXPECT_EQ(numa_data_init(), expected_max);
@@ -190,12 +182,7 @@ TEST_F(Numa_test, FailedBindingReportsWithoutAllocating) {
   alignas(4096) static unsigned char ptr[8 * 4096];
   char hex[32];
   snprintf(hex, sizeof(hex), "%016lx", reinterpret_cast<unsigned long>(ptr));
-  struct Case {
-    bool bool_fit_test;
-    unsigned long ulong_size;
-    unsigned int uint_node;
-    bool bool_said;
-  };
+  struct Case { bool bool_fit_test; unsigned long ulong_size; unsigned int uint_node; bool bool_said; };
   for (Case c : {Case{false, sizeof(ptr), 5, true}, {false, sizeof(ptr), 40, true}, {true, 4095, 7, true}, {true, 4096, 7, false}}) {
     auto outcome = malloc_call_counter::run_in_child([c] {
       c.bool_fit_test ? numa_memory_page_bind_node(ptr, c.ulong_size, c.uint_node) : numa_mem_bind_to_node(ptr, c.ulong_size, c.uint_node);
