@@ -16,28 +16,18 @@ namespace {
 
 std::string str(const string& s) { return std::string(s.c_str(), s.size()); }
 
-TEST(String, DefaultIsThreeZeroWordsAndReadsEmpty) {
-  string s;
-  unsigned char zero[sizeof(string)] = {};
-  EXPECT_EQ(memcmp(&s, zero, sizeof(string)), 0);
-  ASSERT_NE(s.c_str(), nullptr);
-  EXPECT_STREQ(s.c_str(), "");
-  // A zero-filled object is a valid string that can be written to.
-  alignas(string) unsigned char raw[sizeof(string)] = {};
-  auto* made = reinterpret_cast<string*>(raw);
-  made->append("abc");
-  EXPECT_EQ(str(*made), "abc");
-  made->~string();
+// A string that owns nothing is three zero fields, so a zero-filled object is one too.
+bool is_zero(const string& s) {
+  const unsigned char zero[sizeof(string)] = {};
+  return memcmp(&s, zero, sizeof(string)) == 0;
 }
 
 TEST(String, GrowthDoublesFrom16AndReserveIsStrict) {
   string s;
-  s.push_back('a');
-  EXPECT_EQ(s.capacity(), 16u);
-  for (int i = 1; i < 15; ++i) s.push_back('a');
-  EXPECT_EQ(s.capacity(), 16u) << "15 bytes and the terminator fill 16";
-  s.push_back('a');
-  EXPECT_EQ(s.capacity(), 32u);
+  for (unsigned int size = 1; size <= 16; ++size) {
+    s.push_back('a');
+    EXPECT_EQ(s.capacity(), size < 16 ? 16u : 32u) << size << " bytes and the terminator";
+  }
   s.append(string(100, 'b'));
   EXPECT_EQ(s.capacity(), 128u);
   string t;
@@ -47,24 +37,31 @@ TEST(String, GrowthDoublesFrom16AndReserveIsStrict) {
   EXPECT_EQ(t.capacity(), 32u) << "capacity equal to the request has no room for the terminator";
 }
 
-TEST(String, ClearKeepsReleaseFreesShrinkFits) {
-  string s("hello world, a longer text");
+TEST(String, EmptyIsZeroClearAndCutKeepTheArrayReleaseAndShrinkFit) {
+  string s;
+  EXPECT_TRUE(is_zero(s));
+  EXPECT_STREQ(s.c_str(), "");
+  s.assign("hello world, a longer text");
   const unsigned int capacity = s.capacity();
   s.clear();
   EXPECT_EQ(s.capacity(), capacity);
   EXPECT_STREQ(s.c_str(), "");
   s.release();
-  EXPECT_EQ(s.capacity(), 0u);
-  EXPECT_EQ(s.raw_pointer(), nullptr);
-  EXPECT_EQ(string("").raw_pointer(), nullptr) << "an empty text takes no array";
+  EXPECT_TRUE(is_zero(s));
+  EXPECT_TRUE(is_zero(string(""))) << "an empty text takes no array";
   s.reserve(1000);
   s.append("abc");
   s.shrink_to_fit();
   EXPECT_EQ(s.capacity(), 16u);
   EXPECT_EQ(str(s), "abc");
+  s.resize(20, 'q');
+  s.resize(3);
+  EXPECT_EQ(s.capacity(), 32u) << "cutting keeps the array";
+  s.resize_no_fill(10);
+  EXPECT_EQ(s.c_str()[10], 0);
   s.clear();
   s.shrink_to_fit();
-  EXPECT_EQ(s.raw_pointer(), nullptr);
+  EXPECT_TRUE(is_zero(s));
 }
 
 TEST(String, CopiesAreDeepMovesLeaveZeroAndRelocationIsSafe) {
@@ -75,28 +72,25 @@ TEST(String, CopiesAreDeepMovesLeaveZeroAndRelocationIsSafe) {
   unsigned char* array = a.raw_pointer();
   string b(static_cast<string&&>(a));
   EXPECT_EQ(b.raw_pointer(), array);
-  EXPECT_EQ(a.raw_pointer(), nullptr);
-  EXPECT_EQ(a.size(), 0u);
-  EXPECT_EQ(a.capacity(), 0u);
+  EXPECT_TRUE(is_zero(a));
   string c("x");
   c = static_cast<string&&>(b);
   EXPECT_EQ(str(c), "moved text");
-  EXPECT_EQ(b.capacity(), 0u);
+  EXPECT_TRUE(is_zero(b));
   c = c;
   c.assign(c, 2, 3);
   EXPECT_EQ(str(c), "ved");
   EXPECT_EQ(string({'x', 0, 'y'}).size(), 3u) << "bytes are bytes: a zero inside counts";
 
-  // The containers grow arrays of strings by realloc: many strings survive it.
+  // The containers grow arrays of strings by moving them: many strings survive it.
   vector<string> strings;
   for (unsigned int i = 0; i < 300; ++i) strings.push_back(string(i % 40 + 1, 'a' + i % 26));
   for (unsigned int i = 0; i < 300; ++i) ASSERT_EQ(str(strings[i]), std::string(i % 40 + 1, 'a' + i % 26));
 }
 
-TEST(String, SearchesAtTheEdgesAndTheEmptyNeedleIsNotFound) {
+TEST(String, SearchCompareSubstrAndCopyAtTheEdges) {
   string s("abcabc");
-  EXPECT_EQ(s.find(""), string::npos);
-  EXPECT_EQ(s.find("", 3), string::npos);
+  EXPECT_EQ(s.find(""), string::npos) << "the empty needle is not found";
   EXPECT_EQ(s.find('a', 6), string::npos) << "pos equal to the size is empty";
   EXPECT_EQ(s.find_first_of("cx"), 2u);
   EXPECT_EQ(s.find_first_not_of("ab"), 2u);
@@ -104,9 +98,19 @@ TEST(String, SearchesAtTheEdgesAndTheEmptyNeedleIsNotFound) {
   EXPECT_EQ(s.find_last_not_of("c"), 4u);
   EXPECT_EQ(s.find_last_of('a', 2), 0u);
   EXPECT_EQ(string("aaaa").find_first_not_of('a'), string::npos);
-  string none;
-  EXPECT_EQ(none.find('a'), string::npos);
-  EXPECT_EQ(none.rfind("a"), string::npos);
+  EXPECT_EQ(string().find('a'), string::npos);
+  EXPECT_EQ(string().rfind("a"), string::npos);
+  EXPECT_LT(s.compare("abd"), 0);
+  EXPECT_EQ(s.compare("abcab"), 1) << "equal bytes: the length difference";
+  EXPECT_EQ(string("ab").compare("abcd"), -2);
+  EXPECT_EQ(s.compare(1, 2, "bc"), 0);
+  EXPECT_EQ(str(s.substr(1, 3)), "bca");
+  EXPECT_EQ(s.substr(6).size(), 0u) << "a position equal to the size is empty";
+  char out[8] = {};
+  EXPECT_EQ(s.copy(out, 10, 4), 2u);
+  EXPECT_STREQ(out, "bc");
+  EXPECT_EQ(s.copy(out, 1, 6), 0u);
+  EXPECT_EQ(str(s + "-" + string("x") + 'y'), "abcabc-xy");
 }
 
 TEST(String, EditsAgreeWithStdStringOnRandomOperations) {
@@ -155,13 +159,10 @@ TEST(String, EditsAgreeWithStdStringOnRandomOperations) {
   }
 }
 
-TEST(String, IteratorFormsInsertIntoAFullArrayAndCompare) {
+TEST(String, IteratorFormsAndAnInsertIntoAFullArray) {
   string full("0123456789abcde");  // 15 bytes: capacity 16 is full
-  unsigned char* before = full.raw_pointer();
   full.insert(5, "XY");
-  EXPECT_EQ(str(full), "01234XY56789abcde");
   EXPECT_EQ(full.capacity(), 32u);
-  EXPECT_NE(full.raw_pointer(), before);
   EXPECT_EQ(*full.insert(full.begin() + 1, '+'), '+');
   EXPECT_EQ(*full.erase(full.begin() + 2), '2');
   full.erase(full.begin(), full.begin() + 3);
@@ -171,31 +172,6 @@ TEST(String, IteratorFormsInsertIntoAFullArrayAndCompare) {
   EXPECT_EQ(std::string(full.rbegin(), full.rend()), "edcba98765YXba");
   full.erase(0);  // a position, not a null iterator
   EXPECT_EQ(str(full), "");
-
-  string a("abc");
-  EXPECT_LT(a.compare("abd"), 0);
-  EXPECT_EQ(a.compare("ab"), 1) << "equal bytes: the length difference";
-  EXPECT_EQ(string("ab").compare("abcd"), -2);
-  EXPECT_EQ(a.compare(1, 2, "bc"), 0);
-  EXPECT_EQ(str(a + "-" + string("x") + 'y'), "abc-xy");
-}
-
-TEST(String, SubstrCopyAndResizeAtTheEdges) {
-  string s("hello");
-  EXPECT_EQ(str(s.substr(1, 3)), "ell");
-  EXPECT_EQ(s.substr(5).size(), 0u) << "a position equal to the size is empty";
-  char out[8] = {};
-  EXPECT_EQ(s.copy(out, 10, 3), 2u);
-  EXPECT_STREQ(out, "lo");
-  EXPECT_EQ(s.copy(out, 1, 5), 0u);
-  s.resize(20, 'q');
-  EXPECT_EQ(str(s), "hello" + std::string(15, 'q'));
-  const unsigned int capacity = s.capacity();
-  s.resize(3);
-  EXPECT_EQ(str(s), "hel");
-  EXPECT_EQ(s.capacity(), capacity) << "cutting keeps the array";
-  s.resize_no_fill(10);
-  EXPECT_EQ(s.c_str()[10], 0);
 }
 
 TEST(String, HashesItsBytesAndKeysAMapThroughRehashes) {
@@ -216,7 +192,6 @@ TEST(String, HashesItsBytesAndKeysAMapThroughRehashes) {
   for (unsigned int i = 0; i < 5000; ++i) {
     ASSERT_TRUE(map.insert_return_iterator_bool(key(i), string(std::to_string(i * 3).c_str())).second);
   }
-  ASSERT_EQ(map.size(), 5000u);
   for (unsigned int i = 0; i < 5000; i += 37) {
     auto found = map.find(key(i));
     ASSERT_TRUE(found != map.end()) << i;
