@@ -22,33 +22,26 @@ bool is_zero(const string& s) {
   return memcmp(&s, zero, sizeof(string)) == 0;
 }
 
-TEST(String, GrowthDoublesFrom16AndReserveIsStrict) {
+TEST(String, OneStringsLifeGrowthByTheRuleClearCutReleaseAndShrink) {
   string s;
+  EXPECT_TRUE(is_zero(s));
+  EXPECT_STREQ(s.c_str(), "");
   for (unsigned int size = 1; size <= 16; ++size) {
     s.push_back('a');
     EXPECT_EQ(s.capacity(), size < 16 ? 16u : 32u) << size << " bytes and the terminator";
   }
   s.append(string(100, 'b'));
   EXPECT_EQ(s.capacity(), 128u);
-  string t;
-  t.reserve(15);
-  EXPECT_EQ(t.capacity(), 16u);
-  t.reserve(16);
-  EXPECT_EQ(t.capacity(), 32u) << "capacity equal to the request has no room for the terminator";
-}
-
-TEST(String, EmptyIsZeroClearAndCutKeepTheArrayReleaseAndShrinkFit) {
-  string s;
-  EXPECT_TRUE(is_zero(s));
-  EXPECT_STREQ(s.c_str(), "");
-  s.assign("hello world, a longer text");
-  const unsigned int capacity = s.capacity();
   s.clear();
-  EXPECT_EQ(s.capacity(), capacity);
+  EXPECT_EQ(s.capacity(), 128u);
   EXPECT_STREQ(s.c_str(), "");
   s.release();
   EXPECT_TRUE(is_zero(s));
   EXPECT_TRUE(is_zero(string(""))) << "an empty text takes no array";
+  s.reserve(15);
+  EXPECT_EQ(s.capacity(), 16u);
+  s.reserve(16);
+  EXPECT_EQ(s.capacity(), 32u) << "capacity equal to the request has no room for the terminator";
   s.reserve(1000);
   s.append("abc");
   s.shrink_to_fit();
@@ -77,7 +70,6 @@ TEST(String, CopiesAreDeepMovesLeaveZeroAndRelocationIsSafe) {
   c = static_cast<string&&>(b);
   EXPECT_EQ(str(c), "moved text");
   EXPECT_TRUE(is_zero(b));
-  c = c;
   c.assign(c, 2, 3);
   EXPECT_EQ(str(c), "ved");
   EXPECT_EQ(string({'x', 0, 'y'}).size(), 3u) << "bytes are bytes: a zero inside counts";
@@ -122,9 +114,6 @@ TEST(String, EditsAgreeWithStdStringOnRandomOperations) {
     for (unsigned int i = 0; i < length; ++i) p.push_back(static_cast<char>('a' + random() % 4));
     return p;
   };
-  auto same_index = [](unsigned int ours, std::string::size_type theirs) {
-    return theirs == std::string::npos ? ours == string::npos : ours == theirs;
-  };
   for (int step = 0; step < 20000; ++step) {
     const unsigned int length = random() % (step % 100 == 0 ? 200 : 12);
     const std::string p = piece(length);
@@ -153,8 +142,9 @@ TEST(String, EditsAgreeWithStdStringOnRandomOperations) {
     if (!model.empty() && step % 50 == 0) {
       const std::string needle = piece(1 + random() % 3);
       const unsigned int at = random() % model.size();
-      ASSERT_TRUE(same_index(s.find(needle.c_str(), at), model.find(needle, at))) << "step " << step;
-      ASSERT_TRUE(same_index(s.rfind(needle.c_str(), at), model.rfind(needle, at))) << "step " << step;
+      // The model's npos cut to 32 bits is ours; its indices stay far below that.
+      ASSERT_EQ(s.find(needle.c_str(), at), static_cast<unsigned int>(model.find(needle, at))) << "step " << step;
+      ASSERT_EQ(s.rfind(needle.c_str(), at), static_cast<unsigned int>(model.rfind(needle, at))) << "step " << step;
     }
   }
 }
@@ -183,10 +173,7 @@ TEST(String, HashesItsBytesAndKeysAMapThroughRehashes) {
   EXPECT_EQ(hash<string>()(string()), g_crc32c.value32(digits, 0));
 
   auto key = [](unsigned int i) {
-    string k("key-");
-    k.append(string(i % 7 + 1, static_cast<unsigned char>('a' + i % 26)));
-    k.append(std::to_string(i).c_str());
-    return k;
+    return string(("key-" + std::string(i % 7 + 1, static_cast<char>('a' + i % 26)) + std::to_string(i)).c_str());
   };
   unordered_map<string, string> map;
   for (unsigned int i = 0; i < 5000; ++i) {
@@ -197,7 +184,6 @@ TEST(String, HashesItsBytesAndKeysAMapThroughRehashes) {
     ASSERT_TRUE(found != map.end()) << i;
     ASSERT_EQ(str(found->value), std::to_string(i * 3));
   }
-  EXPECT_TRUE(map.find(string("key-")) == map.end());
 }
 
 TEST(StringDeathTest, RangeErrorsAbortWithTheirLines) {
