@@ -88,7 +88,11 @@ TEST(CrossThread, FreesByOtherThreadsWaitForTheOwnersDrain) {
 TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
   constexpr int k_threads = 8;  // more threads than cores
   std::atomic<int> failures{0};
-  auto worker = [&failures](std::vector<Block>* handoff, unsigned seed) {
+  auto release = [&failures](const Block& block) {
+    failures.fetch_add(!intact(block));
+    free(block.ptr);
+  };
+  auto worker = [&](std::vector<Block>* handoff, unsigned seed) {
     std::mt19937_64 random(seed);
     std::vector<Block> live;
     for (int round = 0; round < 3000; ++round) {
@@ -101,18 +105,14 @@ TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
         live.push_back(block);
       } else {
         size_t victim = random() % live.size();
-        if (!intact(live[victim])) failures.fetch_add(1);
-        free(live[victim].ptr);
+        release(live[victim]);
         live[victim] = live.back();
         live.pop_back();
       }
     }
     // Half of what is left is freed here, the other half by another thread.
     size_t keep = live.size() / 2;
-    for (size_t i = keep; i < live.size(); ++i) {
-      if (!intact(live[i])) failures.fetch_add(1);
-      free(live[i].ptr);
-    }
+    for (size_t i = keep; i < live.size(); ++i) release(live[i]);
     live.resize(keep);
     *handoff = std::move(live);
   };
@@ -126,10 +126,7 @@ TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
     std::vector<std::thread> freers;
     for (int t = 0; t < k_threads; ++t) {
       freers.emplace_back([&, t] {
-        for (Block& block : handoff[(t + 1) % k_threads]) {
-          if (!intact(block)) failures.fetch_add(1);
-          free(block.ptr);
-        }
+        for (const Block& block : handoff[(t + 1) % k_threads]) release(block);
       });
     }
     for (auto& thread : freers) thread.join();
