@@ -2,13 +2,11 @@
 // threads than a queue has thread slots, full rings, and a stress run with random sizes
 // across every tier, pattern-checked blocks, foreign frees and thread churn.
 #include <malloc.h>
-#include <pthread.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <thread>
 #include <vector>
@@ -21,10 +19,6 @@ struct Block {
   unsigned char pattern;
 };
 
-void fill(Block& block) {
-  memset(block.ptr, block.pattern, block.size);
-}
-
 bool intact(const Block& block) {
   for (size_t i = 0; i < block.size; i += (block.size > 4096 ? 509 : 1)) {
     if (block.ptr[i] != block.pattern) return false;
@@ -33,150 +27,106 @@ bool intact(const Block& block) {
 }
 
 size_t random_size(std::mt19937_64& random) {
-  switch (random() % 16) {
-    case 0:
-      // Own mappings, rarer: each one is mapped, filled and unmapped whole.
-      if (random() % 4 == 0) return 2048001 + random() % 3000000;
-      return 1 + random() % 64;
-    case 1:
-    case 2:
-      return 10241 + random() % 200000;  // page runs
-    case 3:
-      return 3409 + random() % 6800;  // a page, 1024-byte runs
-    default:
-      return random() % 3409;  // small classes and runs
-  }
+  const unsigned kind = random() % 16;
+  // Own mappings, rarer: each one is mapped, filled and unmapped whole.
+  if (kind == 0) return random() % 4 == 0 ? 2048001 + random() % 3000000 : 1 + random() % 64;
+  if (kind <= 2) return 10241 + random() % 200000;  // page runs
+  if (kind == 3) return 3409 + random() % 6800;  // a page, 1024-byte runs
+  return random() % 3409;  // small classes and runs
 }
 
-TEST(CrossThread, ABlockFreedByAnotherThreadStaysAllocatedUntilItsOwnerDrains) {
-  // A pin in the same piece keeps the piece's memory from going back (and being reused by
-  // the trigger below) when the drain releases the others.
-  void* pin = malloc(100);
-  std::vector<void*> blocks;
-  for (int i = 0; i < 64; ++i) blocks.push_back(malloc(100));
-  std::thread([&] {
-    for (void* block : blocks) free(block);
-  }).join();
-  // Not drained yet: the owner has not allocated since.
-  for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 112u);
-  void* trigger = malloc(16);  // the owner's next malloc applies the queue
-  for (void* block : blocks) EXPECT_EQ(malloc_usable_size(block), 0u) << "released by the drain";
-  EXPECT_EQ(malloc_usable_size(pin), 112u);
-  free(trigger);
-  free(pin);
+// Resident bytes of the process now (0 when unreadable).
+size_t resident_bytes() {
+  size_t pages = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> pages >> resident;
+  return resident * 4096;
 }
 
-TEST(CrossThread, MoreFreeingThreadsThanSlotsAndFullRings) {
-  // Sixteen threads free 2000 blocks each of one owner's heap, with no drain in between:
-  // thread rings fill past 447, CPU rings and the overflow vector take the rest. The
-  // owner's next malloc drains what the flags point at; what went to the overflow vector
-  // without a flag may wait for the forced drain at the owner's exit. After that exit,
-  // every block is released and every pin is still live.
-  constexpr int k_threads = 16;
-  constexpr int k_per_thread = 2000;
-  std::vector<std::vector<void*>> blocks(k_threads);
-  std::vector<void*> pins;  // one live block beside each freed one keeps every piece backed
-  size_t released_by_first_drain = 0;
-  std::thread owner([&] {
-    for (auto& list : blocks) {
-      for (int i = 0; i < k_per_thread; ++i) {
-        list.push_back(malloc(48));
-        memset(list.back(), 0x42, 48);
+TEST(CrossThread, FreesByOtherThreadsWaitForTheOwnersDrain) {
+  // Threads free blocks of one owner's heap with no drain in between: nothing is applied
+  // before the owner's next malloc, which drains what the flags point at. One thread's frees
+  // fit its ring and all go at that drain. With sixteen threads of 2000 frees the thread rings
+  // fill past 447, CPU rings and the overflow vector take the rest, and what went there
+  // without a flag may wait for the forced drain at the owner's exit. After that exit every
+  // block is released and every pin is still live.
+  struct Case { int threads, per_thread; size_t released_by_first_drain; };
+  for (Case c : {Case{1, 64, 64}, Case{16, 2000, 447}}) {
+    SCOPED_TRACE(c.threads);
+    // One live block beside each freed one keeps every piece backed; thread t frees the
+    // blocks t * per_thread up to (t + 1) * per_thread.
+    std::vector<void*> blocks, pins;
+    size_t released = 0;
+    std::thread owner([&] {
+      for (int i = 0; i < c.threads * c.per_thread; ++i) {
+        blocks.push_back(malloc(48));
         pins.push_back(malloc(48));
       }
-    }
-    // Starting a thread allocates, and an allocation of the owner drains: every thread is
-    // started before any of them frees.
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < k_threads; ++t) {
-      threads.emplace_back([&, t] {
-        while (!go.load()) std::this_thread::yield();
-        for (void* block : blocks[t]) free(block);
-      });
-    }
-    go.store(true);
-    for (auto& thread : threads) thread.join();
-    for (auto& list : blocks) {
-      for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 48u) << "nothing applied before a drain";
-    }
-    free(malloc(16));
-    for (auto& list : blocks) {
-      for (void* block : list) released_by_first_drain += malloc_usable_size(block) == 0;
-    }
-  });
-  owner.join();
-  // Every thread ring was drained at least once by the first malloc.
-  EXPECT_GE(released_by_first_drain, 447u);
-  for (auto& list : blocks) {
-    for (void* block : list) ASSERT_EQ(malloc_usable_size(block), 0u) << "released by the forced drain at exit";
-  }
-  for (void* pin : pins) ASSERT_EQ(malloc_usable_size(pin), 48u);
-  for (void* pin : pins) free(pin);
-}
-
-void stress_worker(std::vector<std::vector<Block>>* handoff, std::atomic<int>* failures, int index, unsigned seed,
-                   int rounds) {
-  std::mt19937_64 random(seed);
-  std::vector<Block> live;
-  for (int round = 0; round < rounds; ++round) {
-    if (live.size() < 64 || random() % 3 != 0) {
-      size_t size = random_size(random);
-      Block block{static_cast<unsigned char*>(malloc(size)), size, static_cast<unsigned char>(random())};
-      if (block.ptr == nullptr) {
-        failures->fetch_add(1);
-        continue;
+      // Starting a thread allocates, and an allocation of the owner drains: every thread is
+      // started before any of them frees.
+      std::atomic<bool> go{false};
+      std::vector<std::thread> threads;
+      for (int t = 0; t < c.threads; ++t) {
+        threads.emplace_back([&, t] {
+          while (!go.load()) std::this_thread::yield();
+          for (int i = t * c.per_thread; i < (t + 1) * c.per_thread; ++i) free(blocks[i]);
+        });
       }
-      fill(block);
-      live.push_back(block);
-    } else {
-      size_t victim = random() % live.size();
-      if (!intact(live[victim])) failures->fetch_add(1);
-      free(live[victim].ptr);
-      live[victim] = live.back();
-      live.pop_back();
-    }
+      go.store(true);
+      for (auto& thread : threads) thread.join();
+      for (void* block : blocks) ASSERT_EQ(malloc_usable_size(block), 48u) << "nothing applied before a drain";
+      free(malloc(16));
+      for (void* block : blocks) released += malloc_usable_size(block) == 0;
+    });
+    owner.join();
+    EXPECT_GE(released, c.released_by_first_drain) << "every thread ring is drained by the owner's next malloc";
+    for (void* block : blocks) ASSERT_EQ(malloc_usable_size(block), 0u) << "released by the forced drain at exit";
+    for (void* pin : pins) ASSERT_EQ(malloc_usable_size(pin), 48u);
+    for (void* pin : pins) free(pin);
   }
-  // Half of what is left is freed by another thread.
-  size_t keep = live.size() / 2;
-  for (size_t i = keep; i < live.size(); ++i) {
-    if (!intact(live[i])) failures->fetch_add(1);
-    free(live[i].ptr);
-  }
-  live.resize(keep);
-  (*handoff)[index] = std::move(live);
-}
-
-// Resident bytes of the process now.
-size_t resident_bytes() {
-  FILE* file = fopen("/proc/self/statm", "r");
-  unsigned long pages = 0, resident = 0;
-  if (file != nullptr) {
-    if (fscanf(file, "%lu %lu", &pages, &resident) != 2) resident = 0;
-    fclose(file);
-  }
-  return resident * 4096;
 }
 
 TEST(Stress, RandomSizesForeignFreesAndThreadChurn) {
   constexpr int k_threads = 8;  // more threads than cores
   std::atomic<int> failures{0};
+  auto release = [&failures](const Block& block) {
+    failures.fetch_add(!intact(block));
+    free(block.ptr);
+  };
+  auto worker = [&](std::vector<Block>* handoff, unsigned seed) {
+    std::mt19937_64 random(seed);
+    std::vector<Block> live;
+    for (int round = 0; round < 3000; ++round) {
+      if (live.size() < 64 || random() % 3 != 0) {
+        size_t size = random_size(random);
+        Block block{static_cast<unsigned char*>(malloc(size)), size, static_cast<unsigned char>(random())};
+        failures.fetch_add(block.ptr == nullptr);
+        if (block.ptr == nullptr) continue;
+        memset(block.ptr, block.pattern, block.size);
+        live.push_back(block);
+      } else {
+        size_t victim = random() % live.size();
+        release(live[victim]);
+        live[victim] = live.back();
+        live.pop_back();
+      }
+    }
+    // Half of what is left is freed here, the other half by another thread.
+    size_t keep = live.size() / 2;
+    for (size_t i = keep; i < live.size(); ++i) release(live[i]);
+    live.resize(keep);
+    *handoff = std::move(live);
+  };
   size_t resident_after_first = 0;
   for (int generation = 0; generation < 6; ++generation) {
     std::vector<std::vector<Block>> handoff(k_threads);
     std::vector<std::thread> threads;
-    for (int t = 0; t < k_threads; ++t) {
-      threads.emplace_back(stress_worker, &handoff, &failures, t, 1000u * generation + t, 3000);
-    }
+    for (int t = 0; t < k_threads; ++t) threads.emplace_back(worker, &handoff[t], 1000u * generation + t);
     for (auto& thread : threads) thread.join();
     // The blocks left behind by ended threads are checked and freed by other threads.
     std::vector<std::thread> freers;
     for (int t = 0; t < k_threads; ++t) {
       freers.emplace_back([&, t] {
-        for (Block& block : handoff[(t + 1) % k_threads]) {
-          if (!intact(block)) failures.fetch_add(1);
-          free(block.ptr);
-        }
+        for (const Block& block : handoff[(t + 1) % k_threads]) release(block);
       });
     }
     for (auto& thread : freers) thread.join();
@@ -193,11 +143,9 @@ TEST(Stress, ThousandsOfShortThreadsLeavingBlocksBehind) {
   size_t resident_at_start = resident_bytes();
   for (int t = 0; t < k_threads; ++t) {
     std::thread([&, t] {
-      void* keep = malloc(64 + t % 512);
-      memset(keep, t & 255, 64);
-      void* temporary = malloc(5000);
-      free(temporary);
-      left[t] = keep;
+      left[t] = malloc(64 + t % 512);
+      memset(left[t], t & 255, 64);
+      free(malloc(5000));
     }).join();
     if (t % 100 == 99) {
       for (int i = t - 99; i <= t; ++i) {
