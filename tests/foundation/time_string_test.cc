@@ -59,10 +59,6 @@ class TimeStringTest : public testing::Test {
 
 TEST(TimeString, UtcKnownInstantsAndExtremeInputsInsideTheBuffer) {
   EXPECT_EQ(write(utc_timet_to_utc_chars, -30641760000L), "999-01-01T00:00:00");  // year not padded
-  // Beyond gmtime_r's years the seconds themselves are written.
-  EXPECT_EQ(write(utc_timet_to_utc_chars, LONG_MAX), "9223372036854775807");
-  EXPECT_EQ(write(utc_timet_to_utc_chars, LONG_MIN), "-9223372036854775808");
-  EXPECT_EQ(write(utc_milliseconds_to_utc_chars, 1234567890007L), "2009-02-13T23:31:30.007");
   EXPECT_EQ(write(utc_nanoseconds_to_utc_chars, 1234567890123456789L), "2009-02-13T23:31:30.123456789");
   // One unit before the epoch is the last unit of 1969, not "-0.001" of 1970.
   EXPECT_EQ(write(utc_milliseconds_to_utc_chars, -1L), "1969-12-31T23:59:59.999");
@@ -101,7 +97,8 @@ TEST_F(TimeStringTest, LocalKeepsTheOffsetReadAtStartUp) {
   init_in_zone("CET-1CEST,M3.5.0,M10.5.0/3");
   EXPECT_EQ(write(utc_seconds_to_local_chars, 1719835200L), "2024-07-01T13:00:00");
 
-  // At the ends of the range the shift saturates instead of wrapping round.
+  // At the ends of the range the shift saturates instead of wrapping round, and beyond
+  // gmtime_r's years the seconds themselves are written.
   g_long_timezone_seconds = 3600;
   EXPECT_EQ(write(utc_seconds_to_local_chars, LONG_MIN), "-9223372036854775808");
   g_long_timezone_seconds = -3600;
@@ -149,8 +146,6 @@ TEST_F(TimeStringTest, StartUpFillsTheClocksAndStringFormsReplaceOrAppend) {
   EXPECT_STREQ(text.c_str(), "1970-01-01T00:00:01.500000");
   duration_nanoseconds_append_string(7, text);
   EXPECT_STREQ(text.c_str(), "1970-01-01T00:00:01.5000000.000000007");
-  utc_nanoseconds_to_utc_string(-1, text);
-  EXPECT_STREQ(text.c_str(), "1969-12-31T23:59:59.999999999");
   g_timet_now_utc = 0;  // the now form publishes the second it writes
   before = time(nullptr);
   now_utc_english_string(text);
