@@ -652,85 +652,82 @@ string& string_to_url_encode(const unsigned char* first, const unsigned char* la
 
 // ---- cuts
 
-bool string_get_value_from_begin_to_find(const string& str, const string& find, string& out) {
-  if (&find == &out) {
-    const string copy(find);
-    return cut_from_begin_to_find(str, copy.data(), copy.size(), out);
+namespace {
+
+// A delimiter passed by reference may be one of the output strings, which a cut clears before
+// it is done reading the delimiter: the cut then reads a copy.
+class Delimiter {
+ public:
+  Delimiter(const string& find, const string& out, const string& other_out) : text_(&find) {
+    if (&find == &out || &find == &other_out) {
+      copy_ = find;
+      text_ = &copy_;
+    }
   }
-  return cut_from_begin_to_find(str, find.data(), find.size(), out);
+  Delimiter(const string& find, const string& out) : Delimiter(find, out, out) {}
+  const unsigned char* data() const { return text_->data(); }
+  unsigned int size() const { return text_->size(); }
+
+ private:
+  const string* text_;
+  string copy_;
+};
+
+}  // namespace
+
+bool string_get_value_from_begin_to_find(const string& str, const string& find, string& out) {
+  const Delimiter d(find, out);
+  return cut_from_begin_to_find(str, d.data(), d.size(), out);
 }
 bool string_get_value_from_begin_to_find(const string& str, unsigned char find, string& out) {
   return cut_from_begin_to_find(str, &find, 1, out);
 }
 
 bool string_get_value_after_find(const string& str, const string& find, string& out) {
-  if (&find == &out) {
-    const string copy(find);
-    return cut_at_find(str, copy.data(), copy.size(), false, out);
-  }
-  return cut_at_find(str, find.data(), find.size(), false, out);
+  const Delimiter d(find, out);
+  return cut_at_find(str, d.data(), d.size(), false, out);
 }
 bool string_get_value_after_find(const string& str, unsigned char find, string& out) { return cut_at_find(str, &find, 1, false, out); }
 
 bool string_get_value_from_find(const string& str, const string& find, string& out) {
-  if (&find == &out) {
-    const string copy(find);
-    return cut_at_find(str, copy.data(), copy.size(), true, out);
-  }
-  return cut_at_find(str, find.data(), find.size(), true, out);
+  const Delimiter d(find, out);
+  return cut_at_find(str, d.data(), d.size(), true, out);
 }
 bool string_get_value_from_find(const string& str, unsigned char find, string& out) { return cut_at_find(str, &find, 1, true, out); }
 
 bool string_get_value_after_find_last_of(const string& str, const string& find, string& out) {
-  if (&find == &out) {
-    const string copy(find);
-    return cut_after_last(str, copy.data(), copy.size(), out);
-  }
-  return cut_after_last(str, find.data(), find.size(), out);
+  const Delimiter d(find, out);
+  return cut_after_last(str, d.data(), d.size(), out);
 }
 bool string_get_value_after_find_last_of(const string& str, unsigned char find, string& out) { return cut_after_last(str, &find, 1, out); }
 
 bool string_get_value_after_find_begin_to_find_end(const string& str, const string& begin, const string& end, string& out) {
-  if (&begin == &out || &end == &out) {
-    const string copy_begin(begin);
-    const string copy_end(end);
-    return cut_between(str, copy_begin.data(), copy_begin.size(), copy_end.data(), copy_end.size(), false, out);
-  }
-  return cut_between(str, begin.data(), begin.size(), end.data(), end.size(), false, out);
+  const Delimiter b(begin, out), e(end, out);
+  return cut_between(str, b.data(), b.size(), e.data(), e.size(), false, out);
 }
 bool string_get_value_after_find_begin_to_find_end(const string& str, unsigned char begin, unsigned char end, string& out) {
   return cut_between(str, &begin, 1, &end, 1, false, out);
 }
 
 bool string_get_value_from_find_begin_to_find_end(const string& str, const string& begin, const string& end, string& out) {
-  if (&begin == &out || &end == &out) {
-    const string copy_begin(begin);
-    const string copy_end(end);
-    return cut_between(str, copy_begin.data(), copy_begin.size(), copy_end.data(), copy_end.size(), true, out);
-  }
-  return cut_between(str, begin.data(), begin.size(), end.data(), end.size(), true, out);
+  const Delimiter b(begin, out), e(end, out);
+  return cut_between(str, b.data(), b.size(), e.data(), e.size(), true, out);
 }
 bool string_get_value_from_find_begin_to_find_end(const string& str, unsigned char begin, unsigned char end, string& out) {
   return cut_between(str, &begin, 1, &end, 1, true, out);
 }
 
 bool string_get_value_from_offset_begin_to_find(const string& str, unsigned int offset, const string& find, string& out) {
-  if (&find == &out) {
-    const string copy(find);
-    return cut_from_offset(str, offset, copy.data(), copy.size(), out);
-  }
-  return cut_from_offset(str, offset, find.data(), find.size(), out);
+  const Delimiter d(find, out);
+  return cut_from_offset(str, offset, d.data(), d.size(), out);
 }
 bool string_get_value_from_offset_begin_to_find(const string& str, unsigned int offset, unsigned char find, string& out) {
   return cut_from_offset(str, offset, &find, 1, out);
 }
 
 bool string_get_key_value_find(const string& str, const string& find, string& key, string& value) {
-  if (&find == &key || &find == &value) {
-    const string copy(find);
-    return split_key_value(str, copy.data(), copy.size(), key, value);
-  }
-  return split_key_value(str, find.data(), find.size(), key, value);
+  const Delimiter d(find, key, value);
+  return split_key_value(str, d.data(), d.size(), key, value);
 }
 bool string_get_key_value_find(const string& str, unsigned char find, string& key, string& value) {
   return split_key_value(str, &find, 1, key, value);
