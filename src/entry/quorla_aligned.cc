@@ -13,7 +13,7 @@
 #include "foundation/quorla_conversion.h"
 #include "foundation/quorla_stack_message.h"
 #include "foundation/quorla_thread_self.h"
-#include "page_heap/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_os_umap_ptr_size.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 

@@ -31,8 +31,8 @@
 #include "entry/quorla_size_route.h"
 #include "foundation/quorla_atomic.h"
 #include "foundation/quorla_thread_self.h"
-#include "os_memory/quorla_memory_settings.h"
-#include "page_heap/quorla_os_umap_ptr_size.h"
+#include "startup/quorla_memory_settings.h"
+#include "os_memory/quorla_os_umap_ptr_size.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 

@@ -12,7 +12,7 @@
 #include "entry/quorla_malloc_frame.h"
 #include "entry/quorla_size_route.h"
 #include "foundation/quorla_stack_message.h"
-#include "page_heap/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_os_umap_ptr_size.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_bitmap_piece.h"
 

@@ -13,7 +13,7 @@
 #include "foundation/quorla_base.h"
 #include "foundation/quorla_memory_util.h"
 #include "foundation/quorla_stack_message.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_region_tag.h"
 
 namespace quorla {

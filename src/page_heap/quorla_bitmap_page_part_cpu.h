@@ -16,13 +16,13 @@
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_unique_ptr.h"
 #include "foundation/quorla_vector_allocator.h"
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 #include "os_memory/quorla_wait_release_queue_allocator.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
 #include "page_heap/quorla_page_piece_list.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 
 namespace quorla {
 

@@ -16,7 +16,7 @@
 #include "foundation/quorla_base.h"
 #include "foundation/quorla_bit_array.h"
 #include "foundation/quorla_pause.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region_tag.h"
 

@@ -16,7 +16,7 @@
 
 #include "foundation/quorla_unique_ptr.h"
 #include "foundation/quorla_vector_allocator.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 
 namespace quorla {

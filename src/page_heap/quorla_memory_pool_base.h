@@ -13,7 +13,7 @@
 
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_pause.h"
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 #include "page_heap/quorla_memory_pool.h"
 
 namespace quorla {

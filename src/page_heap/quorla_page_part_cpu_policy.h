@@ -3,7 +3,7 @@
 // apart from the supplies so that the containers that name the triple need not see them.
 #pragma once
 
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 
 namespace quorla {
 

@@ -6,7 +6,7 @@
 
 #include <array>
 
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_memory_pool_part_cpu.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"

@@ -4,7 +4,7 @@
 
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_thread_self.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "startup/quorla_before_init.h"
 
 namespace quorla {

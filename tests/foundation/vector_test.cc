@@ -11,7 +11,7 @@
 
 #include "foundation/quorla_unique_ptr.h"
 #include "foundation/quorla_vector.h"
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 
 namespace quorla {
 namespace {

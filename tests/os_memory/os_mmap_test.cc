@@ -18,7 +18,7 @@
 #include <tuple>
 
 #include "malloc_call_counter.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_region_tag.h"
 
 namespace quorla {

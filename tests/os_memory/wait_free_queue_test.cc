@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "foundation/quorla_base.h"
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 #include "os_memory/quorla_wait_free_mpsc_queue.h"
 #include "os_memory/quorla_wait_free_spsc_queue.h"
 #include "os_memory/quorla_wait_release_queue_allocator.h"

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region_tag.h"
 

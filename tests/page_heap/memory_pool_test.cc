@@ -18,7 +18,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "page_heap/quorla_memory_pool.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_pool_size_128_policy.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "foundation/quorla_vector_allocator.h"
-#include "os_memory/quorla_memory_allocator.h"
+#include "page_heap/quorla_memory_allocator.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "startup/quorla_before_init.h"
 

@@ -1,4 +1,4 @@
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 
 namespace quorla {
 

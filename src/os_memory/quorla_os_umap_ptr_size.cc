@@ -1,5 +1,5 @@
 #include "quorlamalloc.h"
-#include "page_heap/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_os_umap_ptr_size.h"
 
 #include <cerrno>
 #include <cstring>
@@ -7,7 +7,7 @@
 #include "foundation/quorla_atomic.h"
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_stack_message.h"
-#include "os_memory/quorla_memory_settings.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region_tag.h"
 
