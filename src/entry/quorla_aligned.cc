@@ -14,6 +14,7 @@
 #include "foundation/quorla_stack_message.h"
 #include "foundation/quorla_thread_self.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 
@@ -77,15 +78,15 @@ QUORLA_EXPORT void* quorla_malloc_page_align(size_t size) noexcept {
     if (block != nullptr) return block;
   }
   Memory_thread_local_data* heap = heap_of_this_thread();
-  if (size > k_page_byte) return heap->page_group.malloc_bit_size(static_cast<unsigned int>((size + 4095) >> 12));
+  if (size > k_page_byte) return heap->page_group.malloc_bit_size(page_count_of(size));
   return heap->page_group.take_one_page();
 }
 
 QUORLA_EXPORT void* quorla_malloc_4k_to_2m_align(unsigned int alignment, unsigned int size) noexcept {
   using namespace quorla;
   Memory_thread_local_data* heap = heap_of_this_thread();
-  unsigned int pages = (size + 4095) >> 12;
-  if (alignment > k_page_byte) return heap->page_group.malloc_bit_size_align(pages, (alignment + 4095) >> 12);
+  unsigned int pages = page_count_of(size);
+  if (alignment > k_page_byte) return heap->page_group.malloc_bit_size_align(pages, page_count_of(alignment));
   if (size > k_page_byte) return heap->page_group.malloc_bit_size(pages);
   return heap->page_group.take_one_page();
 }

@@ -33,6 +33,7 @@
 #include "foundation/quorla_thread_self.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 
@@ -136,7 +137,7 @@ QUORLA_EXPORT void* quorla_malloc(size_t size) noexcept {
     // An exact 8 KB run is left to the page tier while its neighbours stay in the group.
     if (blocks != 8) return heap->ar_group[15].malloc_bit_size(blocks);
   }
-  return heap->page_group.malloc_bit_size(static_cast<unsigned int>((size + 4095) >> 12));
+  return heap->page_group.malloc_bit_size(page_count_of(size));
 }
 
 QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
@@ -152,18 +153,18 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
   }
   // Not ready, or shut down: the block simply stays.
   if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) return;
-  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
+  unsigned long offset = region_offset_of(ptr);
   // Only the large-allocation tier hands out region-aligned pointers.
   if (QUORLA_UNLIKELY(offset == 0)) {
     load_fence();
     quorla_os_free(ptr);
     return;
   }
-  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
+  unsigned long* slots = region_slots_of(ptr);
   auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
   // The one check that a pointer belongs to the allocator at all.
   if (QUORLA_UNLIKELY(page_piece->ptr_byte_block != reinterpret_cast<unsigned char*>(slots))) return;
-  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned int page = page_index_of_offset(offset);
   unsigned long slot = slots[page];
   Memory_bitmap_page_group* group = page_piece->ptr_page_group;
   if (QUORLA_UNLIKELY(group->ulong_thread_id != thread_self())) {
@@ -181,9 +182,8 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
 QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
   using namespace quorla;
   // Assumes an in-region pointer of this thread's heap: none of free's guards.
-  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
-  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
-  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned long* slots = region_slots_of(ptr);
+  unsigned int page = page_index_of(ptr);
   unsigned long slot = slots[page];
   if (slot > 511) {
     reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);

@@ -6,18 +6,15 @@
 #pragma once
 
 #include "foundation/quorla_base.h"
+#include "os_memory/quorla_region.h"
 
 namespace quorla {
 
-constexpr unsigned long k_region_limit_byte = 2048000;  // largest request served in a region
 constexpr unsigned long k_small_route_limit_byte = 3408;
-constexpr unsigned long k_page_byte = 4096;
 constexpr unsigned long k_group_1024_limit_byte = 10240;
 constexpr unsigned long k_arithmetic_route_limit_byte = 224;
 constexpr unsigned long k_group_8byte_limit_byte = 8;
 constexpr unsigned long k_config_trigger_byte = 128;
-constexpr unsigned long k_region_byte = 2097152;
-constexpr unsigned long k_region_offset_mask = 2097151;
 
 // Block bytes of ar_group[0..15].
 constexpr unsigned int k_ar_group_block_byte[16] = {16,  32,  48,  64,  80,  96,  112, 128,

@@ -4,6 +4,7 @@
 
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_pause.h"
+#include "os_memory/quorla_region.h"
 #include "page_heap/quorla_page_piece_list.h"
 
 // The drain of the foreign-free queue runs the release of the allocation frame on every
@@ -129,7 +130,7 @@ unsigned long Memory_bitmap_page_group::count_byte_of_page_type(unsigned char pa
     const Memory_bitmap_page_piece* piece = vt_full[i].ptr_t;
     if (piece != nullptr && piece->uchar_page_type == page_type) ++count;
   }
-  return count * 2097152ul;
+  return count * k_region_byte;
 }
 
 unsigned long Memory_bitmap_page_group::get_byte_page() const { return count_byte_of_page_type(0); }

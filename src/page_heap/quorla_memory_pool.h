@@ -18,6 +18,7 @@
 #include "foundation/quorla_vector_allocator.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 
 namespace quorla {
 
@@ -110,7 +111,7 @@ class Memory_pool_without_lock {
     unsigned char* block = piece->ptr_byte_block + static_cast<unsigned long>(bit) * piece->uint_block_byte;
     if (QUORLA_UNLIKELY(reinterpret_cast<unsigned long>(block) > piece->ptr_byte_touch)) {
       // First write to this page of a new area: taken under the mapping lock.
-      piece->ptr_byte_touch = reinterpret_cast<unsigned long>(block) | 4095;
+      piece->ptr_byte_touch = reinterpret_cast<unsigned long>(block) | (k_page_byte - 1);
       g_mutex_mmap.lock();
       *reinterpret_cast<Piece**>(block) = piece;
       g_mutex_mmap.unlock();
