@@ -18,21 +18,6 @@
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 
-namespace quorla {
-
-namespace {
-
-QUORLA_INLINE Memory_thread_local_data* heap_of_this_thread() {
-  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
-  unsigned long thread_id = thread_self();
-  if (thread_id != g_sizet_main_thread_id) heap = get_memory_thread_local_data(thread_id);
-  return heap;
-}
-
-}  // namespace
-
-}  // namespace quorla
-
 extern "C" {
 
 QUORLA_EXPORT void quorla_aligned_alloc_fail(size_t alignment, size_t size) noexcept {
@@ -49,8 +34,7 @@ QUORLA_EXPORT void* quorla_malloc_small_align(unsigned int alignment, unsigned i
   using namespace quorla;
   Memory_thread_local_data* heap = heap_of_this_thread();
   // The only aligned path that drains the foreign frees.
-  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
-  if (queue != nullptr && queue->uint_need_pop != 0) queue->pop_batch();
+  drain_foreign_frees(heap);
   unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];
   Memory_bitmap_group& group = heap->ar_group[entry & 15];
   unsigned int bits = entry >> 4;

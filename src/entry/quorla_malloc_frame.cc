@@ -65,19 +65,6 @@ QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
   return heap->ar_group[8].take_one_block();
 }
 
-QUORLA_INLINE Memory_thread_local_data* heap_of_this_thread() {
-  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
-  unsigned long thread_id = thread_self();
-  // The main thread never touches the registry.
-  if (QUORLA_UNLIKELY(thread_id != g_sizet_main_thread_id)) heap = get_memory_thread_local_data(thread_id);
-  return heap;
-}
-
-QUORLA_INLINE void drain_foreign_frees(Memory_thread_local_data* heap) {
-  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
-  if (QUORLA_UNLIKELY(queue != nullptr && queue->uint_need_pop != 0)) queue->pop_batch();
-}
-
 // The release of a page block of this thread's page piece, then the page group's rules.
 QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* page_piece, unsigned long slot, unsigned int page) {
   if (slot == 1) {
