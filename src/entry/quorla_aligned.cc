@@ -61,9 +61,7 @@ QUORLA_EXPORT void* quorla_malloc_page_align(size_t size) noexcept {
     void* block = quorla_malloc_before_init(static_cast<unsigned int>(size));
     if (block != nullptr) return block;
   }
-  Memory_thread_local_data* heap = heap_of_this_thread();
-  if (size > k_page_byte) return heap->page_group.malloc_bit_size(page_count_of(size));
-  return heap->page_group.take_one_page();
+  return heap_of_this_thread()->page_group.take_pages(page_count_of(size));
 }
 
 QUORLA_EXPORT void* quorla_malloc_4k_to_2m_align(unsigned int alignment, unsigned int size) noexcept {
@@ -71,8 +69,7 @@ QUORLA_EXPORT void* quorla_malloc_4k_to_2m_align(unsigned int alignment, unsigne
   Memory_thread_local_data* heap = heap_of_this_thread();
   unsigned int pages = page_count_of(size);
   if (alignment > k_page_byte) return heap->page_group.malloc_bit_size_align(pages, page_count_of(alignment));
-  if (size > k_page_byte) return heap->page_group.malloc_bit_size(pages);
-  return heap->page_group.take_one_page();
+  return heap->page_group.take_pages(pages);
 }
 
 QUORLA_EXPORT void* quorla_aligned_alloc(size_t alignment, size_t size) noexcept {

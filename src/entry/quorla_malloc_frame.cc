@@ -65,16 +65,6 @@ QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
   return heap->ar_group[8].take_one_block();
 }
 
-// The release of a page block of this thread's page piece, then the page group's rules.
-QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* page_piece, unsigned long slot, unsigned int page) {
-  if (slot == 1) {
-    page_piece->free_one_bit(page);
-  } else {
-    page_piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
-  }
-  page_piece->ptr_page_group->after_release(page_piece);
-}
-
 QUORLA_COLD void free_foreign(Memory_bitmap_page_group* group, void* ptr) {
   Memory_mpsc_queue_wait_release* queue = group->ptr_mpsc_queue_wait_release;
   if (queue == nullptr) {
@@ -163,7 +153,7 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
     return;
   }
   if (slot == 0) return;
-  release_pages(page_piece, slot, page);
+  Memory_bitmap_page_group::release_pages(page_piece, static_cast<unsigned int>(slot), page);
 }
 
 QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
@@ -177,7 +167,8 @@ QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
     return;
   }
   // Unlike free, a slot of 0 goes on to the run release, which finds nothing to release.
-  release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]), slot, page);
+  Memory_bitmap_page_group::release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]),
+                                          static_cast<unsigned int>(slot), page);
 }
 
 QUORLA_EXPORT void quorla_free_local_thread_use_ref(void** ptr_ref) noexcept { quorla_free_local_thread(*ptr_ref); }

@@ -44,10 +44,10 @@ unsigned char* Memory_bitmap_page_part_cpu<A, B>::malloc_pages(unsigned long siz
   }
   unsigned char* block;
   if (size <= k_page_byte) {
-    block = page_piece_list::take_one_page(*this);
+    block = piece_list::first_with_free(*this)->malloc_one_bit();
   } else {
     unsigned int bit_size = page_count_of(size);
-    block = page_piece_list::first_fit(*this, bit_size, [bit_size](Piece* piece) { return piece->malloc_bit_size(bit_size); });
+    block = piece_list::first_fit(*this, bit_size, [bit_size](Piece* piece) { return piece->malloc_bit_size(bit_size); });
   }
   mutex_group.unlock();
   return block;
@@ -58,23 +58,8 @@ void Memory_bitmap_page_part_cpu<A, B>::apply_release(void* ptr) {
   unsigned long* slots = region_slots_of(ptr);
   auto* piece = reinterpret_cast<Piece*>(slots[0]);
   unsigned int page = page_index_of(ptr);
-  unsigned long slot = slots[page];
-  if (slot == 1) {
-    piece->free_one_bit(page);
-  } else {
-    piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
-  }
-  unsigned int free_bit = piece->uint_free_bit;
-  if (free_bit < 64) return;
-  if (free_bit == 511) {
-    if (piece->uint_offset_normal == 0xFFFFFFFF) {
-      page_piece_list::remove_full(*this, piece);
-    } else if (this->vt_normal.size() > uint_min_normal_count) {
-      page_piece_list::remove_normal(*this, piece);
-    }
-    return;
-  }
-  if (piece->uint_offset_normal == 0xFFFFFFFF) page_piece_list::move_full_to_normal(*this, piece);
+  piece->free_pages(static_cast<unsigned int>(slots[page]), page);
+  piece_list::after_page_release(*this, piece, uint_min_normal_count);
 }
 
 template <class A, class B>

@@ -20,6 +20,7 @@
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
+#include "page_heap/quorla_piece_list.h"
 
 namespace quorla {
 
@@ -32,15 +33,13 @@ class Memory_bitmap_page_group;
 template <class Group, bool k_reset_head_page>
 class Bitmap_page_piece {
  public:
-  static constexpr unsigned int uint_offset_none = 0xFFFFFFFFu;
-
   unsigned int uint_free_bit;        // pages free now; 511 means empty
   unsigned int uint_max_free_bit;    // bound on the longest run worth searching for; not exact
   unsigned int uint_first_free_bit;  // no free bit lies below it
   unsigned int uint_next_free_bit;   // next-fit cursor of the multi-page search
   unsigned int uint_top_bit;         // one past the highest bit handed out unaligned
-  unsigned int uint_offset_normal;   // index in the group's vt_normal, or uint_offset_none
-  unsigned int uint_offset_full;     // index in the group's vt_full, or uint_offset_none
+  unsigned int uint_offset_normal;   // index in the group's vt_normal, or piece_list::k_not_listed
+  unsigned int uint_offset_full;     // index in the group's vt_full, or piece_list::k_not_listed
   unsigned char uchar_page_type;     // 0: 4 KB pages, 1: one 2 MB huge page
   unsigned short ushort_numa_node;   // wait-release node the region returns to
   Group* ptr_page_group;  // owner, not owning
@@ -109,6 +108,16 @@ class Bitmap_page_piece {
     ar_ulong_page_slot()[bit] = 0;
   }
 
+  // The release of the page block at bit whose slot holds bit_size: inline for one page,
+  // the run release otherwise (which, for a slot of 0, clears nothing).
+  QUORLA_INLINE void free_pages(unsigned int bit_size, unsigned int bit) {
+    if (bit_size == 1) {
+      free_one_bit(bit);
+    } else {
+      free_with_bit_size(bit_size, bit);
+    }
+  }
+
  private:
   // Books a run found by a search: free count, bound and start slot. The bits are set by
   // the caller.
@@ -160,7 +169,7 @@ Bitmap_page_piece<Group, k_reset_head_page>::Bitmap_page_piece(unsigned int offs
       uint_next_free_bit(1),
       uint_top_bit(1),
       uint_offset_normal(offset_normal),
-      uint_offset_full(uint_offset_none),
+      uint_offset_full(piece_list::k_not_listed),
       uchar_page_type(0),
       ushort_numa_node(0),
       ptr_page_group(group),
