@@ -194,7 +194,8 @@ class Unordered_map_base {
     }
   }
 
-  // The counts only; the array and its home records stay (used by the registry's ring).
+  // Empties the table: every slot is reset and the count zeroed, while the slot array keeps
+  // its storage and its size, so the registry's ring reuses a map without allocating.
   void clear_count() {
     for (unsigned int i = 0; i < bucket_count(); ++i) d_vt_st_wrap[i] = Wrap();
     data_count = 0;

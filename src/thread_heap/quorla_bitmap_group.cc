@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "os_memory/quorla_region.h"
+
 namespace quorla {
 
 Memory_bitmap_group::Memory_bitmap_group() : vt_normal(), vt_full() {}
@@ -13,7 +15,7 @@ void Memory_bitmap_group::init(unsigned char block_type, unsigned int piece_byte
   ptr_page_group = page_group;
   ptr_pool = pool;
   uint_bit_ref_byte = piece_byte >> 9;
-  uint_page_bit_size = piece_byte >> 12;
+  uint_page_bit_size = piece_byte >> k_page_shift;
   uchar_bit_ref_shift = 0;
   unsigned int shift = 0;
   for (unsigned int value = 1; value < uint_bit_ref_byte; value <<= 1) ++shift;
