@@ -31,9 +31,10 @@ QUORLA_INLINE void apply_waiting(Entry& entry) {
 }
 
 // Hands apply every queued address, the ring first, then the overflow vector from its end,
-// until both are empty or a null address comes.
+// until both are empty or a null address comes. Out of line, so that the allocation path
+// that calls apply_waiting stays short.
 template <class Entry, class Apply>
-void drain(Entry& entry, Apply apply) {
+QUORLA_NOINLINE void drain(Entry& entry, Apply apply) {
   for (;;) {
     unsigned long value = entry.queue_wait_release.get_wait_release();
     if (value == 0) return;
