@@ -177,6 +177,13 @@ TEST(ConfigFile, EveryKeyReachesItsGlobalWhateverTheCaseOfTheKey) {
   EXPECT_EQ(result.str_stderr, "");
 }
 
+TEST(ConfigFile, TheDocumentedExampleReadsCleanlyAndHoldsTheDefaults) {
+  Result result = run({"128"}, QUORLA_EXAMPLE_CONF);
+  ASSERT_TRUE(result.exited_cleanly());
+  EXPECT_EQ(held(result), expected(true));
+  EXPECT_EQ(result.str_stderr, "") << "every key of the example is known and every value good";
+}
+
 TEST(ConfigFile, LimitsApplyAfterReading) {
   // Sleep below 50 becomes 50; the divisor below 2 becomes 2; a binding count other than
   // 1 or 2 becomes 2.
