@@ -50,10 +50,6 @@ class Etc_conf_guard {
     clear();
     std::ofstream(k_etc_path, std::ios::binary) << text;
   }
-  void make_directory() const {
-    clear();
-    mkdir(k_etc_path, 0755);
-  }
 
   // Only system calls, so that the signal handler may run it too.
   void restore() const {
@@ -116,16 +112,6 @@ TEST_F(EtcConfig, SettingsFromTheFileReachTheirGlobalsAndAct) {
   EXPECT_EQ(result.str_stderr, "");
 }
 
-TEST_F(EtcConfig, BindingCountsAreClampedAsRead) {
-  for (unsigned long count : {0ul, 1ul, 2ul, 3ul}) {
-    SCOPED_TRACE(count);
-    guard_->write("uint_auto_bind_phy_cpu_count = " + std::to_string(count) + "\n");
-    Result result = run({"128"}, config_probe::k_unset);
-    ASSERT_TRUE(result.exited_cleanly());
-    EXPECT_EQ(result.at("uint_auto_bind_phy_cpu_count"), count == 1 ? 1u : 2u);
-  }
-}
-
 TEST_F(EtcConfig, TheVariableNamesTheFileReadInstead) {
   guard_->write("uint_wait_microseconds_between_release_2m = 1111\n");
   char other_path[] = "/tmp/quorla_conf_other_XXXXXX";
@@ -148,21 +134,6 @@ TEST_F(EtcConfig, TheVariableNamesTheFileReadInstead) {
     EXPECT_EQ(result.at("uint_wait_microseconds_between_release_2m"), c.wait);
   }
   unlink(other_path);
-}
-
-TEST_F(EtcConfig, ADirectoryOrAnUnreadableFileAtThePathIsLikeNoFile) {
-  guard_->make_directory();
-  Result directory = run({"128"}, config_probe::k_unset);
-  ASSERT_TRUE(directory.exited_cleanly());
-  EXPECT_EQ(held(directory), expected(true));
-  EXPECT_EQ(directory.str_stderr, "");
-
-  guard_->write("bool_enable_hugepage2m = no\n");
-  ASSERT_EQ(chmod(k_etc_path, 0), 0);
-  Result unreadable = run({"128"}, config_probe::k_unset, true);
-  ASSERT_TRUE(unreadable.exited_cleanly()) << unreadable.str_stderr;
-  EXPECT_EQ(held(unreadable), expected(true));
-  EXPECT_EQ(unreadable.str_stderr, "");
 }
 
 TEST_F(EtcConfig, AProcessThatDiesWhileItsFileStandsPutsTheOldOneBack) {
