@@ -7,6 +7,7 @@
 #include "foundation/quorla_atomic.h"
 #include "foundation/quorla_stack_message.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 
@@ -16,9 +17,6 @@ extern std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count
 
 namespace {
 
-constexpr unsigned long k_region_byte = k_large_region_byte;
-
-QUORLA_INLINE unsigned long round_up_region(unsigned long size) { return (size + k_region_byte - 1) & ~(k_region_byte - 1); }
 QUORLA_INLINE unsigned int hash_of(void* ptr) {
   return static_cast<unsigned int>(hash_crc32c<unsigned long>()(reinterpret_cast<unsigned long>(ptr)));
 }
@@ -44,7 +42,7 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
     size = round_up_region(size);
     g_locking_uint_os_malloc_hugepage2m_count -= static_cast<unsigned int>(size >> 21);
   } else {
-    size = (size + 4095) & ~4095ul;
+    size = round_up_page(size);
   }
   os_free_unmap_without_lock(ptr, size);
   g_mutex_mmap.unlock();
@@ -190,7 +188,7 @@ extern "C" {
 QUORLA_EXPORT void* quorla_os_malloc(size_t size) noexcept {
   // A size within one region of the top of the address space would round to 0: refuse it
   // as the C library does rather than hand out a tiny block.
-  if (size > ~0ul - (quorla::k_large_region_byte - 1)) {
+  if (size > ~0ul - quorla::k_region_offset_mask) {
     errno = ENOMEM;
     return nullptr;
   }

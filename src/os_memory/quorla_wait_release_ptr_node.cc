@@ -10,6 +10,7 @@
 #include "foundation/quorla_memory_util.h"
 #include "foundation/quorla_pause.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 #include "startup/quorla_memory_settings.h"
 
@@ -67,7 +68,7 @@ QUORLA_INLINE unsigned long try_take_slot(std::atomic<unsigned long>& slot) {
 void unmap_region(unsigned char* ptr_region, bool bool_lower_huge_count) {
   g_mutex_mmap.lock();
   if (bool_lower_huge_count) --g_locking_uint_os_malloc_hugepage2m_count;
-  os_free_unmap_without_lock(ptr_region, k_ulong_os_region_size);
+  os_free_unmap_without_lock(ptr_region, k_region_byte);
   g_mutex_mmap.unlock();
 }
 
@@ -175,7 +176,7 @@ unsigned char* Struct_Memory_wait_release_ptr_node::malloc() {
     if (uint_limit > uint_need_prepare_2m_count) {
       unsigned int uint_div = g_uint_memory_thread_background_div_number_calc_prepare_2m;
       if (uint_div == 0) uint_div = 8;
-      const unsigned int q = static_cast<unsigned int>(g_locking_sizet_os_malloc_all_size >> 21) / uint_div;
+      const unsigned int q = static_cast<unsigned int>(g_locking_sizet_os_malloc_all_size / k_region_byte) / uint_div;
       uint_need_prepare_2m_count = q == 0 ? 1 : (q < uint_limit ? q : uint_limit);
     }
     // A chance for the background thread to fill up.
@@ -231,7 +232,7 @@ unsigned int Struct_Memory_wait_release_ptr_node::prepare_atomic_wait_release_pt
     auto* ptr_region = static_cast<unsigned char*>(os_malloc_mmap_page_2m_align(uint_numa_node));
     // Touched here, on the background thread, unless the mapping layer touched it already.
     if (g_bool_memory_enable_thread_background_page_prefault && !g_bool_memory_enable_page_prefault) {
-      memory_prefault_page(ptr_region + k_ulong_os_page_size, k_ulong_os_region_size - k_ulong_os_page_size);
+      memory_prefault_page(ptr_region + k_page_byte, k_region_byte - k_page_byte);
     }
     if (save_to_ar_atomic(ptr_region, atomic_page, ar_atomic_page)) continue;
     vt_page.push_back(ptr_region);
@@ -284,7 +285,7 @@ bool Struct_Memory_wait_release_ptr_node::release_one_wait_release_ptr() {
     // is flushed; a freshly prepared region says 0 pages and nothing is flushed.
     if (ulong_now <= ulong_release + g_uint_memory_max_wait_milliseconds_before_clear_cpu_cache) {
       const unsigned int uint_top_bit = tag->uint_top_bit < 512 ? tag->uint_top_bit : 512;
-      memory_flush_invalid_cache(ptr_region, static_cast<unsigned long>(uint_top_bit) * k_ulong_os_page_size);
+      memory_flush_invalid_cache(ptr_region, static_cast<unsigned long>(uint_top_bit) * k_page_byte);
     }
   }
   unmap_region(ptr_region, bool_huge);
@@ -373,15 +374,15 @@ unsigned int Struct_Memory_wait_release_ptr_node::get_block_count_all() const {
 }
 
 unsigned long Struct_Memory_wait_release_ptr_node::get_all_byte() const {
-  return static_cast<unsigned long>(get_block_count_all()) << 21;
+  return static_cast<unsigned long>(get_block_count_all()) * k_region_byte;
 }
 
 unsigned long Struct_Memory_wait_release_ptr_node::get_byte_page() const {
-  return static_cast<unsigned long>(atomic_page.load(std::memory_order_relaxed) + vt_page.size()) << 21;
+  return static_cast<unsigned long>(atomic_page.load(std::memory_order_relaxed) + vt_page.size()) * k_region_byte;
 }
 
 unsigned long Struct_Memory_wait_release_ptr_node::get_byte_hugepage2m() const {
-  return static_cast<unsigned long>(atomic_hugepage2m.load(std::memory_order_relaxed) + vt_hugepage2m.size()) << 21;
+  return static_cast<unsigned long>(atomic_hugepage2m.load(std::memory_order_relaxed) + vt_hugepage2m.size()) * k_region_byte;
 }
 
 }  // namespace quorla

@@ -9,6 +9,7 @@
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_pause.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 #include "startup/quorla_memory_settings.h"
 
@@ -17,8 +18,7 @@ namespace quorla {
 namespace {
 
 QUORLA_INLINE unsigned long node_array_byte() {
-  const unsigned long size = static_cast<unsigned long>(g_uint_numa_node_count) * sizeof(Struct_Memory_wait_release_ptr_node);
-  return (size + k_ulong_os_page_size - 1) & ~(k_ulong_os_page_size - 1);
+  return round_up_page(static_cast<unsigned long>(g_uint_numa_node_count) * sizeof(Struct_Memory_wait_release_ptr_node));
 }
 
 }  // namespace

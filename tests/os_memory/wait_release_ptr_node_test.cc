@@ -16,6 +16,7 @@
 
 #include "foundation/quorla_mutex.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 #include "os_memory/quorla_wait_release_ptr_node.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
@@ -182,7 +183,7 @@ unsigned char* tagged_region(unsigned char page_type = k_uchar_page_type_normal,
 
 void unmap_test_region(unsigned char* region) {
   g_mutex_mmap.lock();
-  os_free_unmap_without_lock(region, k_ulong_os_region_size);
+  os_free_unmap_without_lock(region, k_region_byte);
   g_mutex_mmap.unlock();
 }
 
