@@ -21,6 +21,15 @@ QUORLA_INLINE unsigned long node_array_byte() {
   return round_up_page(static_cast<unsigned long>(g_uint_numa_node_count) * sizeof(Struct_Memory_wait_release_ptr_node));
 }
 
+// A statistic summed over nodes 0 to g_uint_numa_max_node, in the width of the node's own
+// (so the block count stays in 32 bits).
+template <class T>
+T sum_nodes(const Struct_Memory_wait_release_ptr_node* nodes, T (Struct_Memory_wait_release_ptr_node::*get)() const) {
+  T sum = 0;
+  for (unsigned int i = 0; i <= g_uint_numa_max_node; ++i) sum += (nodes[i].*get)();
+  return sum;
+}
+
 }  // namespace
 
 Memory_wait_release_ptr_part_numa_node::Memory_wait_release_ptr_part_numa_node()
@@ -89,27 +98,19 @@ void Memory_wait_release_ptr_part_numa_node::trim() {
 }
 
 unsigned long Memory_wait_release_ptr_part_numa_node::get_all_byte() const {
-  unsigned long sum = 0;
-  for (unsigned int i = 0; i <= g_uint_numa_max_node; ++i) sum += ptr_ar_node[i].get_all_byte();
-  return sum;
+  return sum_nodes(ptr_ar_node, &Struct_Memory_wait_release_ptr_node::get_all_byte);
 }
 
 unsigned long Memory_wait_release_ptr_part_numa_node::get_byte_page() const {
-  unsigned long sum = 0;
-  for (unsigned int i = 0; i <= g_uint_numa_max_node; ++i) sum += ptr_ar_node[i].get_byte_page();
-  return sum;
+  return sum_nodes(ptr_ar_node, &Struct_Memory_wait_release_ptr_node::get_byte_page);
 }
 
 unsigned long Memory_wait_release_ptr_part_numa_node::get_byte_hugepage2m() const {
-  unsigned long sum = 0;
-  for (unsigned int i = 0; i <= g_uint_numa_max_node; ++i) sum += ptr_ar_node[i].get_byte_hugepage2m();
-  return sum;
+  return sum_nodes(ptr_ar_node, &Struct_Memory_wait_release_ptr_node::get_byte_hugepage2m);
 }
 
 unsigned int Memory_wait_release_ptr_part_numa_node::get_block_count_all() const {
-  unsigned int sum = 0;
-  for (unsigned int i = 0; i <= g_uint_numa_max_node; ++i) sum += ptr_ar_node[i].get_block_count_all();
-  return sum;
+  return sum_nodes(ptr_ar_node, &Struct_Memory_wait_release_ptr_node::get_block_count_all);
 }
 
 unsigned char* memory_wait_release_malloc_region() {
