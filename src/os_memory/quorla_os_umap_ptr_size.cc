@@ -4,16 +4,14 @@
 #include <cerrno>
 #include <cstring>
 
-#include "foundation/quorla_atomic.h"
 #include "foundation/quorla_stack_message.h"
+#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 
 namespace quorla {
-
-extern std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count;
 
 namespace {
 
@@ -51,8 +49,8 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
 }  // namespace
 
 void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
-  // The configuration gate (reading the settings is not part of this build yet).
-  atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u);
+  // The configuration gate: this is how the settings get read when a large request comes first.
+  memory_check_program_config();
   unsigned long aligned = round_up_region(size);
   unsigned char* block;
   if (aligned == k_region_byte) {
