@@ -49,8 +49,7 @@ void Memory_bitmap_piece::malloc_block() {
   ptr_block = address;
   uint_page_bit_offset = page;
   // Every page of the backing block points at this piece: a slot above 511 is a piece.
-  unsigned long* slots = region_slots_of(address);
-  for (unsigned int i = 0; i < page_count; ++i) slots[page + i] = reinterpret_cast<unsigned long>(this);
+  fill_page_slots(region_slots_of(address) + page, page_count, reinterpret_cast<unsigned long>(this));
 }
 
 void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int page_bit_size,
@@ -58,7 +57,7 @@ void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int p
   unsigned long* slots = region_slots_of(ptr);
   auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
   // Wipe the piece addresses, so that a later free of a stale pointer sees a slot of 0.
-  for (unsigned int i = 0; i < page_bit_size; ++i) slots[page_bit_offset + i] = 0;
+  fill_page_slots(slots + page_bit_offset, page_bit_size, 0);
   Memory_bitmap_page_group::release_pages(page_piece, page_bit_size, page_bit_offset);
 }
 
