@@ -30,11 +30,13 @@ class Memory_bitmap_group {
   void init(unsigned char block_type, unsigned int piece_byte, Memory_bitmap_page_group* page_group,
             Memory_pool_thread_heap* pool);
 
-  // One block (Take one block): the first piece with a free block serves it.
+  // One block (Take one block): the first piece with a free block serves it. When the
+  // first piece is full or holds no memory, the whole take goes out of line by a tail call.
   QUORLA_INLINE void* take_one_block();
+  QUORLA_NOINLINE void* take_one_block_slow() noexcept;
 
   // A run of bit_size blocks (2 to 15), first fit over the pieces in list order.
-  void* malloc_bit_size(unsigned int bit_size);
+  void* malloc_bit_size(unsigned int bit_size) noexcept;
   // The same with the run's byte offset in its backing block a multiple of alignment.
   void* malloc_bit_size_alignment(unsigned int bit_size, unsigned int alignment);
 
@@ -68,7 +70,9 @@ struct piece_list::First_normal<Memory_bitmap_group> {
 };
 
 QUORLA_INLINE void* Memory_bitmap_group::take_one_block() {
-  return piece_list::first_with_free(*this)->take_one_block();
+  Memory_bitmap_piece* piece = ptr_piece_first;
+  if (QUORLA_UNLIKELY(piece->uint_free_bit == 0 || piece->ptr_block == nullptr)) return take_one_block_slow();
+  return piece->take_one_block_backed();
 }
 
 QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
@@ -79,8 +83,10 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   const unsigned int shift = (block & 1) << 2;
   const unsigned int bits = (pair >> shift) & 15;
   pair &= static_cast<unsigned char>(0xF0 >> shift);
+  unsigned int free_bit = uint_free_bit;
   if (QUORLA_LIKELY(bits == 1)) {
-    unsigned int free_bit = ++uint_free_bit;
+    free_bit += 1;
+    uint_free_bit = free_bit;
     uint_max_free_bit = free_bit;
     // Kept as branches: a conditional move here would chain each release's store to the
     // next take's load of the same hint, which costs a malloc/free pair more than the
@@ -89,18 +95,10 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
     if (uint_next_free_bit > block) uint_next_free_bit = block;
     ptr_ulong[block >> 6] &= ~ar_ulong_bit[block & 63];
   } else if (bits != 0) {
-    inner_free_with_bit_size(bits, block);
+    return release_run(bits, block);
   }
-  unsigned int free_bit = uint_free_bit;
   if (QUORLA_LIKELY(free_bit <= 63)) return;
-  if (free_bit == 512) {
-    Memory_bitmap_group* group = ptr_group;
-    free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
-    ptr_block = nullptr;
-    if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
-    return;
-  }
-  if (uint_offset_normal == piece_list::k_not_listed) ptr_group->move_full_piece_to_vt_normal(this);
+  return after_release();
 }
 
 }  // namespace quorla

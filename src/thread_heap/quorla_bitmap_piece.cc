@@ -61,6 +61,23 @@ void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int p
   Memory_bitmap_page_group::release_pages(page_piece, page_bit_size, page_bit_offset);
 }
 
+void Memory_bitmap_piece::release_run(unsigned int bit_size, unsigned int block) noexcept {
+  inner_free_with_bit_size(bit_size, block);
+  if (uint_free_bit <= 63) return;
+  after_release();
+}
+
+void Memory_bitmap_piece::after_release() noexcept {
+  Memory_bitmap_group* group = ptr_group;
+  if (uint_free_bit == 512) {
+    free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
+    ptr_block = nullptr;
+    if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
+    return;
+  }
+  if (uint_offset_normal == piece_list::k_not_listed) group->move_full_piece_to_vt_normal(this);
+}
+
 void Memory_bitmap_piece::inner_free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {
   uint_free_bit += bit_size;
   uint_max_free_bit = uint_free_bit;

@@ -45,9 +45,14 @@ class Memory_bitmap_piece {
   }
 
   // One block from this piece, which has a free one: the lowest clear bit from
-  // uint_first_free_bit, with its nibble set to 1.
+  // uint_first_free_bit, with its nibble set to 1. A piece without memory takes it first.
   QUORLA_INLINE void* take_one_block() {
     if (QUORLA_UNLIKELY(ptr_block == nullptr)) malloc_block();
+    return take_one_block_backed();
+  }
+
+  // The same for a piece that holds its backing block.
+  QUORLA_INLINE void* take_one_block_backed() {
     unsigned int free_bit = --uint_free_bit;
     if (free_bit < uint_max_free_bit) uint_max_free_bit = free_bit;
     unsigned int block = uint_first_free_bit;
@@ -73,8 +78,14 @@ class Memory_bitmap_piece {
   // Releases the block or run that starts at ptr, then applies the group's rules: an empty
   // piece gives its memory back at once (and leaves the group unless it is the only
   // searched piece); a piece set aside comes back at 64 free. Inner pointers of a run and
-  // double releases find a nibble of 0 and change nothing.
+  // double releases find a nibble of 0 and change nothing. Everything beyond a single block
+  // of a piece that stays below 64 free is out of line, reached by tail calls, so that free
+  // itself saves no register.
   QUORLA_INLINE void release_block(const void* ptr);
+  // The release of a run of bit_size blocks at block, then the group's rules.
+  QUORLA_NOINLINE void release_run(unsigned int bit_size, unsigned int block) noexcept;
+  // The group's rules after a release brought uint_free_bit above 63.
+  QUORLA_NOINLINE void after_release() noexcept;
 
   unsigned int uint_free_bit;        // 512: empty
   unsigned int uint_max_free_bit;    // upper bound of the longest free run (15 at most to start)
