@@ -81,7 +81,8 @@ QUORLA_INLINE void* route(Memory_thread_local_data* heap, size_t size) noexcept 
     if (QUORLA_UNLIKELY(size == k_config_trigger_byte) && g_uint_memory_malloc_128byte_count == 0) {
       return malloc_first_128_byte(heap);
     }
-    return heap->ar_group[((size + 15) >> 4) - 1].take_one_block();
+    // ((size + 15) >> 4) - 1, computed as (size - 1) >> 4 (equal for every size from 1).
+    return heap->ar_group[(size - 1) >> 4].take_one_block();
   }
   if (size <= k_small_route_limit_byte) {
     unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];

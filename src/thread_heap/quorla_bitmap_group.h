@@ -81,19 +81,20 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   // Odd blocks keep their length in the high nibble; shifts instead of a branch on the
   // parity, which is random in a random release order.
   const unsigned int shift = (block & 1) << 2;
-  const unsigned int bits = (pair >> shift) & 15;
-  pair &= static_cast<unsigned char>(0xF0 >> shift);
+  const unsigned int nibble = pair & (15u << shift);
+  const unsigned int bits = nibble >> shift;
+  pair ^= static_cast<unsigned char>(nibble);
   unsigned int free_bit = uint_free_bit;
   if (QUORLA_LIKELY(bits == 1)) {
     free_bit += 1;
     uint_free_bit = free_bit;
-    uint_max_free_bit = free_bit;
     // Kept as branches: a conditional move here would chain each release's store to the
     // next take's load of the same hint, which costs a malloc/free pair more than the
     // mispredictions it saves under random release orders.
     if (uint_first_free_bit > block) uint_first_free_bit = block;
     if (uint_next_free_bit > block) uint_next_free_bit = block;
-    ptr_ulong[block >> 6] &= ~ar_ulong_bit[block & 63];
+    ptr_ulong[block >> 6] &= ~(1ul << (block & 63));
+    uint_max_free_bit = free_bit;
   } else if (bits != 0) {
     return release_run(bits, block);
   }

@@ -58,8 +58,8 @@ class Memory_bitmap_piece {
     unsigned int block = uint_first_free_bit;
     uint_first_free_bit = block + 1;
     if (block + 1 > uint_next_free_bit) uint_next_free_bit = block + 1;
-    unsigned int word = block >> 6;
-    unsigned long mask = ar_ulong_bit[block & 63];
+    unsigned long word = block >> 6;
+    unsigned long mask = 1ul << (block & 63);
     if (QUORLA_LIKELY((ptr_ulong[word] & mask) == 0)) {
       ptr_ulong[word] |= mask;
     } else {
@@ -67,11 +67,12 @@ class Memory_bitmap_piece {
       while (ptr_ulong[word] == ~0ul) ++word;
       unsigned long bits = ptr_ulong[word];
       ptr_ulong[word] = bits | (bits + 1);
-      block = word * 64 + static_cast<unsigned int>(__builtin_ctzl(~bits));
+      block = static_cast<unsigned int>(word * 64) + static_cast<unsigned int>(__builtin_ctzl(~bits));
       uint_first_free_bit = block + 1;
       if (block + 1 > uint_next_free_bit) uint_next_free_bit = block + 1;
     }
-    ar_uchar_bit_size[block >> 1] += (block & 1) ? 16 : 1;
+    // The nibble was 0 and now reads 1: add 1 for an even block, 16 for an odd one.
+    ar_uchar_bit_size[block >> 1] += static_cast<unsigned char>(1u << ((block & 1) << 2));
     return ptr_block + static_cast<unsigned long>(block) * uint_bit_ref_byte;
   }
 
