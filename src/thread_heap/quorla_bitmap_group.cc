@@ -41,7 +41,7 @@ void Memory_bitmap_group::move_normal_piece_to_vt_full(unsigned int offset) {
 }
 
 // ptr_piece_first is never touched: the piece goes to the end of a list that is not empty.
-void Memory_bitmap_group::move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) {
+void Memory_bitmap_group::move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) noexcept {
   piece_list::move_full_to_normal(*this, piece);
 }
 

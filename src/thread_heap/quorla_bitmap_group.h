@@ -42,7 +42,7 @@ class Memory_bitmap_group {
 
   void append_vt_normal();
   void move_normal_piece_to_vt_full(unsigned int offset);
-  void move_full_piece_to_vt_normal(Memory_bitmap_piece* piece);
+  void move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) noexcept;
   void free_vt_normal_empty_force(Memory_bitmap_piece* piece);
   void trim();
 
@@ -81,9 +81,9 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   // Odd blocks keep their length in the high nibble; shifts instead of a branch on the
   // parity, which is random in a random release order.
   const unsigned int shift = (block & 1) << 2;
-  const unsigned int nibble = pair & (15u << shift);
-  const unsigned int bits = nibble >> shift;
-  pair ^= static_cast<unsigned char>(nibble);
+  const unsigned int pair_value = pair;
+  const unsigned int bits = (pair_value >> shift) & 15;
+  pair = static_cast<unsigned char>(pair_value & (0xF0u >> shift));
   unsigned int free_bit = uint_free_bit;
   if (QUORLA_LIKELY(bits == 1)) {
     free_bit += 1;
@@ -98,8 +98,10 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   } else if (bits != 0) {
     return release_run(bits, block);
   }
+  // The group's rules, tested here; only what they do is out of line.
   if (QUORLA_LIKELY(free_bit <= 63)) return;
-  return after_release();
+  if (QUORLA_UNLIKELY(free_bit == 512)) return release_backing_block();
+  if (QUORLA_UNLIKELY(uint_offset_normal == piece_list::k_not_listed)) return ptr_group->move_full_piece_to_vt_normal(this);
 }
 
 }  // namespace quorla

@@ -68,14 +68,15 @@ void Memory_bitmap_piece::release_run(unsigned int bit_size, unsigned int block)
 }
 
 void Memory_bitmap_piece::after_release() noexcept {
+  if (uint_free_bit == 512) return release_backing_block();
+  if (uint_offset_normal == piece_list::k_not_listed) ptr_group->move_full_piece_to_vt_normal(this);
+}
+
+void Memory_bitmap_piece::release_backing_block() noexcept {
   Memory_bitmap_group* group = ptr_group;
-  if (uint_free_bit == 512) {
-    free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
-    ptr_block = nullptr;
-    if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
-    return;
-  }
-  if (uint_offset_normal == piece_list::k_not_listed) group->move_full_piece_to_vt_normal(this);
+  free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
+  ptr_block = nullptr;
+  if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
 }
 
 void Memory_bitmap_piece::inner_free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {

@@ -87,6 +87,9 @@ class Memory_bitmap_piece {
   QUORLA_NOINLINE void release_run(unsigned int bit_size, unsigned int block) noexcept;
   // The group's rules after a release brought uint_free_bit above 63.
   QUORLA_NOINLINE void after_release() noexcept;
+  // An empty piece gives its backing block back, and leaves the group unless it is the only
+  // searched piece.
+  QUORLA_NOINLINE void release_backing_block() noexcept;
 
   unsigned int uint_free_bit;        // 512: empty
   unsigned int uint_max_free_bit;    // upper bound of the longest free run (15 at most to start)
