@@ -72,6 +72,8 @@ class Stack_message {
   const char* c_str() const { return d_ar_char; }
   unsigned int size() const { return d_uint_size; }
   void write() const { fputs(d_ar_char, stderr); }
+  // The report lines of the statistics go to standard output, the others to standard error.
+  void write(FILE* stream) const { fputs(d_ar_char, stream); }
   [[noreturn]] void write_and_abort() const {
     write();
     abort();
