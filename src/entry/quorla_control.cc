@@ -15,6 +15,7 @@
 #include "entry/quorla_malloc_frame.h"
 #include "foundation/quorla_machine.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_thread_background.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_pool_size_128_policy.h"
@@ -98,9 +99,11 @@ QUORLA_EXPORT int quorla_mallopt(int param, int value) noexcept {
     case QUORLA_MALLOPT_MAX_WAIT_MILLISECONDS_BEFORE_CLEAR_CPU_CACHE:
       g_uint_memory_max_wait_milliseconds_before_clear_cpu_cache = uint_value;
       return 1;
+    case QUORLA_MALLOPT_FORCE_ENABLE_THREAD_BACKGROUND:
+      // Starts the thread even when the setting forbids it.
+      g_memory_thread_background.force_enable();
+      return 1;
     default:
-      // QUORLA_MALLOPT_FORCE_ENABLE_THREAD_BACKGROUND is not answered yet: it lands with the
-      // background thread's force_enable.
       return 0;
   }
 }

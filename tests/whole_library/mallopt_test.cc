@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "library_symbol.h"
@@ -114,6 +116,33 @@ TEST(MallocTrim, ASecondTrimReturnsAtOnce) {
   EXPECT_EQ(malloc_trim(0), 0);
   EXPECT_TRUE(*in_run);
   *in_run = false;
+}
+
+}  // namespace
+
+namespace {
+
+unsigned int thread_count() {
+  unsigned int count = 0;
+  FILE* status = fopen("/proc/self/status", "r");
+  char line[256];
+  while (status != nullptr && fgets(line, sizeof(line), status) != nullptr) {
+    if (strncmp(line, "Threads:", 8) == 0) count = static_cast<unsigned int>(atoi(line + 8));
+  }
+  if (status != nullptr) fclose(status);
+  return count;
+}
+
+// 10012 starts the background thread although the setting (10005) forbids it.
+TEST(Mallopt, ForceStartsTheBackgroundThreadAgainstTheSetting) {
+  bool* started = static_cast<bool*>(library_symbol::quorla_global("g_bool_memory_use_thread_background"));
+  ASSERT_NE(started, nullptr);
+  if (*started) GTEST_SKIP() << "the background thread already runs in this process";
+  ASSERT_EQ(mallopt(QUORLA_MALLOPT_ENABLE_THREAD_BACKGROUND, 0), 1);
+  const unsigned int before = thread_count();
+  EXPECT_EQ(mallopt(QUORLA_MALLOPT_FORCE_ENABLE_THREAD_BACKGROUND, 0), 1);
+  EXPECT_TRUE(*started);
+  EXPECT_EQ(thread_count(), before + 1);
 }
 
 }  // namespace
