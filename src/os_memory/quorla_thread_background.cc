@@ -60,7 +60,11 @@ void Memory_thread_background::wait_background_thread_exit() {
 
 void Memory_thread_background::thread_run() {
   bool_run = true;
-  store_fence();
+  // Pairs with the full fence between the guard's store of g_bool_exit and its wait: either the
+  // wait sees bool_run and joins, or this thread sees g_bool_exit and leaves before touching the
+  // cache, whose destructor may already have run. Covers a start that lands after the wait too.
+  full_fence();
+  if (__atomic_load_n(&g_bool_exit, __ATOMIC_RELAXED)) return;
   // Binding is always to two CPUs here, whatever the per-thread setting says.
   if (g_bool_memory_enable_auto_bind_cpu) auto_bind_this_thread_two_cpu();
   // The first huge-page probe runs here, off every allocation path.

@@ -154,7 +154,10 @@ class Quorla_memory_malloc_guard {
     quorla_free(ptr_first_malloc);
     thread_pause_nanosecond();
     pthread_key_delete(g_memory_pthread_key_thread_id);
-    // At most one sleep and one round; the cache it works on is destroyed later.
+    // At most one sleep and one round; the cache it works on is destroyed later. The full fence
+    // orders g_bool_exit before the wait's read of bool_run: a thread still in its start-up gap
+    // sees g_bool_exit and leaves without touching the cache.
+    full_fence();
     if (g_bool_memory_use_thread_background) g_memory_thread_background.wait_background_thread_exit();
   }
   void* ptr_first_malloc;
