@@ -6,6 +6,7 @@
 //       .source(__FILE__, __LINE__, __func__).write_and_abort();
 #pragma once
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,7 +65,12 @@ class Stack_message {
 
   const char* c_str() const { return d_ar_char; }
   unsigned int size() const { return d_uint_size; }
-  void write() const { fputs(d_ar_char, stderr); }
+  // errno stays as it was: a message on a path that succeeds or only warns must not show.
+  void write() const {
+    const int error_number = errno;
+    fputs(d_ar_char, stderr);
+    errno = error_number;
+  }
   [[noreturn]] void write_and_abort() const {
     write();
     abort();

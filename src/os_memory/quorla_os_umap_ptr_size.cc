@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "foundation/quorla_hardened.h"
 #include "foundation/quorla_atomic.h"
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_stack_message.h"
@@ -28,16 +29,23 @@ void warn_not_found(const char* text, void* ptr) {
   Stack_message<1024>().text(text).hex_lower(ptr).end_line().write();
 }
 
-// A new block of aligned bytes: huge pages when they are in use, else an aligned mapping.
+// A new block of aligned bytes: huge pages when they are in use, else an aligned mapping. The
+// hardened build's mapping answers null where the default one ends the process.
 unsigned char* map_large(unsigned long aligned) {
   unsigned char* block = nullptr;
   if (g_bool_memory_use_hugepage2m) {
     unsigned long size = aligned;
     block = static_cast<unsigned char*>(os_malloc_hugepage2m(size));
   }
-  if (block == nullptr) block = static_cast<unsigned char*>(os_malloc_mmap_page_align(aligned, k_region_byte));
+  if (block == nullptr) {
+    block = static_cast<unsigned char*>(k_hardened ? os_try_malloc_mmap_page_align(aligned, k_region_byte)
+                                                   : os_malloc_mmap_page_align(aligned, k_region_byte));
+  }
   return block;
 }
+
+// Sizes within one region of the top of the address space would round to 0.
+QUORLA_INLINE bool is_beyond_address_space(size_t size) { return size > ~0ul - (k_region_byte - 1); }
 
 void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
   g_mutex_mmap.lock();
@@ -56,7 +64,8 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
 void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
   // The configuration gate (reading the settings is not part of this build yet).
   atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u);
-  unsigned long aligned = round_up_region(size);
+  // Size 0 is served as one region: a block that free and the size query know.
+  unsigned long aligned = size == 0 ? k_region_byte : round_up_region(size);
   unsigned char* block;
   if (aligned == k_region_byte) {
     // One region. The region cache does not exist yet, so it is mapped directly.
@@ -65,9 +74,13 @@ void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
         g_bool_memory_enable_thread_background) {
       g_bool_memory_need_enable_thread_background = true;
     }
-    block = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
+    block = k_hardened ? map_large(aligned) : static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
   } else {
     block = map_large(aligned);
+  }
+  if (k_hardened && block == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
   }
   // The tag is read before the user can overwrite it.
   const auto* tag = reinterpret_cast<const Region_tag*>(block);
@@ -124,7 +137,13 @@ void* Memory_os_umap_ptr_size::realloc_and_update_umap(void* ptr, unsigned long 
   unsigned char old_page_type = found ? umap_ptr_size.slot(offset).value.uchar_page_type : 0;
   mutex_umap.unlock();
   unsigned long aligned = round_up_region(size);
-  if (!found && aligned == 0) return ptr;
+  // Size 0: a known block is released and the answer is null, as realloc(p, 0) does; an
+  // unknown pointer comes back unchanged.
+  if (aligned == 0) {
+    if (!found) return ptr;
+    free_and_erase_from_umap(ptr);
+    return nullptr;
+  }
   if (found && old_size == aligned) return ptr;
   if (!found || old_size == 0) {
     Stack_message<1024>()
@@ -136,10 +155,15 @@ void* Memory_os_umap_ptr_size::realloc_and_update_umap(void* ptr, unsigned long 
         .dec(aligned)
         .end_line()
         .write();
+    errno = ENOMEM;
     return nullptr;
   }
   // The cache is not used here, not even for a new size of one region.
   unsigned char* block = map_large(aligned);
+  if (k_hardened && block == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
+  }
   const auto* tag = reinterpret_cast<const Region_tag*>(block);
   unsigned char page_type = tag->uchar_page_type;
   unsigned short numa_node = tag->ushort_numa_node;
@@ -202,9 +226,8 @@ bool Memory_os_umap_ptr_size::erase_from_umap_with_lock(void* ptr, unsigned long
 extern "C" {
 
 QUORLA_EXPORT void* quorla_os_malloc(size_t size) noexcept {
-  // A size within one region of the top of the address space would round to 0: refuse it
-  // as the C library does rather than hand out a tiny block.
-  if (size > ~0ul - (quorla::k_large_region_byte - 1)) {
+  // Refused as the C library does rather than rounded to a tiny block.
+  if (quorla::is_beyond_address_space(size)) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -212,6 +235,10 @@ QUORLA_EXPORT void* quorla_os_malloc(size_t size) noexcept {
 }
 QUORLA_EXPORT void quorla_os_free(void* ptr) noexcept { quorla::g_memory_os_umap_ptr_size.free_and_erase_from_umap(ptr); }
 QUORLA_EXPORT void* quorla_os_realloc(void* ptr, size_t size) noexcept {
+  if (quorla::is_beyond_address_space(size)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
   return quorla::g_memory_os_umap_ptr_size.realloc_and_update_umap(ptr, size);
 }
 QUORLA_EXPORT size_t quorla_os_get_malloc_size(void* ptr) noexcept {
