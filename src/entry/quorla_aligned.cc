@@ -17,23 +17,9 @@
 #include "foundation/quorla_stack_message.h"
 #include "foundation/quorla_thread_self.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
-
-namespace quorla {
-
-namespace {
-
-QUORLA_INLINE Memory_thread_local_data* heap_of_this_thread() {
-  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
-  unsigned long thread_id = thread_self();
-  if (thread_id != g_sizet_main_thread_id) heap = get_memory_thread_local_data(thread_id);
-  return heap;
-}
-
-}  // namespace
-
-}  // namespace quorla
 
 extern "C" {
 
@@ -51,8 +37,7 @@ QUORLA_EXPORT void* quorla_malloc_small_align(unsigned int alignment, unsigned i
   using namespace quorla;
   Memory_thread_local_data* heap = heap_of_this_thread();
   // The only aligned path that drains the foreign frees.
-  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
-  if (queue != nullptr && queue->uint_need_pop != 0) queue->pop_batch();
+  drain_foreign_frees(heap);
   unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];
   Memory_bitmap_group& group = heap->ar_group[entry & 15];
   unsigned int bits = entry >> 4;
@@ -79,25 +64,22 @@ QUORLA_EXPORT void* quorla_malloc_page_align(size_t size) noexcept {
     void* block = quorla_malloc_before_init(static_cast<unsigned int>(size));
     if (block != nullptr) return block;
   }
-  Memory_thread_local_data* heap = heap_of_this_thread();
-  if (size > k_page_byte) return heap->page_group.malloc_bit_size(static_cast<unsigned int>((size + 4095) >> 12));
-  return heap->page_group.take_one_page();
+  return heap_of_this_thread()->page_group.take_pages(page_count_of(size));
 }
 
 QUORLA_EXPORT void* quorla_malloc_4k_to_2m_align(unsigned int alignment, unsigned int size) noexcept {
   using namespace quorla;
   Memory_thread_local_data* heap = heap_of_this_thread();
-  unsigned int pages = (size + 4095) >> 12;
+  unsigned int pages = page_count_of(size);
   if (alignment > k_page_byte) {
-    unsigned int align_page = (alignment + 4095) >> 12;
+    unsigned int align_page = page_count_of(alignment);
     if (k_hardened) {
       align_page = hardened_run_align_page(pages, align_page);
       if (align_page == 0) return quorla_os_malloc(size);
     }
     return heap->page_group.malloc_bit_size_align(pages, align_page);
   }
-  if (size > k_page_byte) return heap->page_group.malloc_bit_size(pages);
-  return heap->page_group.take_one_page();
+  return heap->page_group.take_pages(pages);
 }
 
 QUORLA_EXPORT void* quorla_aligned_alloc(size_t alignment, size_t size) noexcept {

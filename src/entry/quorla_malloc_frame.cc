@@ -33,6 +33,7 @@
 #include "foundation/quorla_thread_self.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 
@@ -62,29 +63,6 @@ QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
   g_uint_memory_malloc_128byte_count = 1;
   run_configuration_gate();
   return heap->ar_group[8].take_one_block();
-}
-
-QUORLA_INLINE Memory_thread_local_data* heap_of_this_thread() {
-  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
-  unsigned long thread_id = thread_self();
-  // The main thread never touches the registry.
-  if (QUORLA_UNLIKELY(thread_id != g_sizet_main_thread_id)) heap = get_memory_thread_local_data(thread_id);
-  return heap;
-}
-
-QUORLA_INLINE void drain_foreign_frees(Memory_thread_local_data* heap) {
-  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
-  if (QUORLA_UNLIKELY(queue != nullptr && queue->uint_need_pop != 0)) queue->pop_batch();
-}
-
-// The release of a page block of this thread's page piece, then the page group's rules.
-QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* page_piece, unsigned long slot, unsigned int page) {
-  if (slot == 1) {
-    page_piece->free_one_bit(page);
-  } else {
-    page_piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
-  }
-  page_piece->ptr_page_group->after_release(page_piece);
 }
 
 QUORLA_COLD void free_foreign(Memory_bitmap_page_group* group, void* ptr) {
@@ -136,7 +114,7 @@ QUORLA_EXPORT void* quorla_malloc(size_t size) noexcept {
     // An exact 8 KB run is left to the page tier while its neighbours stay in the group.
     if (blocks != 8) return heap->ar_group[15].malloc_bit_size(blocks);
   }
-  return heap->page_group.malloc_bit_size(static_cast<unsigned int>((size + 4095) >> 12));
+  return heap->page_group.malloc_bit_size(page_count_of(size));
 }
 
 QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
@@ -152,18 +130,18 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
   }
   // Not ready, or shut down: the block simply stays.
   if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) return;
-  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
+  unsigned long offset = region_offset_of(ptr);
   // Only the large-allocation tier hands out region-aligned pointers.
   if (QUORLA_UNLIKELY(offset == 0)) {
     load_fence();
     quorla_os_free(ptr);
     return;
   }
-  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
+  unsigned long* slots = region_slots_of(ptr);
   auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
   // The one check that a pointer belongs to the allocator at all.
   if (QUORLA_UNLIKELY(page_piece->ptr_byte_block != reinterpret_cast<unsigned char*>(slots))) return;
-  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned int page = page_index_of_offset(offset);
   unsigned long slot = slots[page];
   Memory_bitmap_page_group* group = page_piece->ptr_page_group;
   if (QUORLA_UNLIKELY(group->ulong_thread_id != thread_self())) {
@@ -175,22 +153,22 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
     return;
   }
   if (slot == 0) return;
-  release_pages(page_piece, slot, page);
+  Memory_bitmap_page_group::release_pages(page_piece, static_cast<unsigned int>(slot), page);
 }
 
 QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
   using namespace quorla;
   // Assumes an in-region pointer of this thread's heap: none of free's guards.
-  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
-  unsigned long* slots = reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
-  unsigned int page = static_cast<unsigned int>(offset >> 12);
+  unsigned long* slots = region_slots_of(ptr);
+  unsigned int page = page_index_of(ptr);
   unsigned long slot = slots[page];
   if (slot > 511) {
     reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
     return;
   }
   // Unlike free, a slot of 0 goes on to the run release, which finds nothing to release.
-  release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]), slot, page);
+  Memory_bitmap_page_group::release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]),
+                                          static_cast<unsigned int>(slot), page);
 }
 
 QUORLA_EXPORT void quorla_free_local_thread_use_ref(void** ptr_ref) noexcept { quorla_free_local_thread(*ptr_ref); }

@@ -15,6 +15,7 @@
 #include "entry/quorla_size_route.h"
 #include "foundation/quorla_stack_message.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_bitmap_piece.h"
 
@@ -28,13 +29,12 @@ QUORLA_EXPORT size_t quorla_get_malloc_size(void* ptr) noexcept {
   }
   // Shut down: the records this query reads may be gone.
   if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) return malloc_size_while_off(ptr);
-  unsigned long offset = reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
+  unsigned long offset = region_offset_of(ptr);
   if (offset == 0) return quorla_os_get_malloc_size(ptr);
   load_fence();
-  const unsigned long* slots = reinterpret_cast<const unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
-  unsigned long slot = slots[offset >> 12];
+  unsigned long slot = region_slots_of(ptr)[page_index_of_offset(offset)];
   // A slot never holds 512: this test and free's test at 511 agree.
-  if (slot <= 512) return slot * 4096;
+  if (slot <= 512) return slot * k_page_byte;
   const auto* piece = reinterpret_cast<const Memory_bitmap_piece*>(slot);
   return static_cast<unsigned int>(piece->get_bit_size_from_ptr(ptr) * piece->uint_bit_ref_byte);
 }

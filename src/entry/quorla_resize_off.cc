@@ -10,15 +10,10 @@ namespace quorla {
 
 namespace {
 
-QUORLA_INLINE unsigned long region_offset_of(const void* ptr) {
-  return reinterpret_cast<unsigned long>(ptr) & k_region_offset_mask;
-}
-
 // The head page's slot of the page that ptr lies in: a run length (1 to 511) where a page
 // block starts, above 511 a piece pointer, 0 elsewhere.
 QUORLA_INLINE unsigned long page_slot_of(const void* ptr, unsigned long offset) {
-  const auto* slots = reinterpret_cast<const unsigned long*>(reinterpret_cast<unsigned long>(ptr) - offset);
-  return slots[offset >> 12];
+  return region_slots_of(ptr)[page_index_of_offset(offset)];
 }
 
 }  // namespace

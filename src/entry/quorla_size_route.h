@@ -1,27 +1,21 @@
 // The route of small requests. ar_uchar_size_route is indexed by (size + 15) >> 4 for sizes
-// 225 to 3408: the low four bits of an entry name a group of the thread heap (ar_group),
-// the high four bits how many blocks of it to take. The table is a fixed fact of the
+// 225 to 3408: the low four bits of an entry name a group of the thread heap (ar_group,
+// whose block sizes are k_ar_group_block_byte), the high four bits how many blocks of it to
+// take. The table is a fixed fact of the
 // allocator, not the output of a least-waste rule (1265..1280 takes 3 x 512, for instance);
 // malloc_size of a block follows from it. Indexes 214 and 215 repeat the last row.
 #pragma once
 
 #include "foundation/quorla_base.h"
+#include "os_memory/quorla_region.h"
 
 namespace quorla {
 
-constexpr unsigned long k_region_limit_byte = 2048000;  // largest request served in a region
 constexpr unsigned long k_small_route_limit_byte = 3408;
-constexpr unsigned long k_page_byte = 4096;
 constexpr unsigned long k_group_1024_limit_byte = 10240;
 constexpr unsigned long k_arithmetic_route_limit_byte = 224;
 constexpr unsigned long k_group_8byte_limit_byte = 8;
 constexpr unsigned long k_config_trigger_byte = 128;
-constexpr unsigned long k_region_byte = 2097152;
-constexpr unsigned long k_region_offset_mask = 2097151;
-
-// Block bytes of ar_group[0..15].
-constexpr unsigned int k_ar_group_block_byte[16] = {16,  32,  48,  64,  80,  96,  112, 128,
-                                                    144, 160, 176, 192, 208, 256, 512, 1024};
 
 namespace size_route_detail {
 

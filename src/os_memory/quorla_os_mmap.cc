@@ -34,14 +34,6 @@ constexpr unsigned int k_uint_mmap_max_try = 8;
 
 Os_mmap_function g_os_mmap_function = &::mmap;
 
-QUORLA_INLINE unsigned long round_up_page(unsigned long size) {
-  return (size + (k_ulong_os_page_size - 1)) & ~(k_ulong_os_page_size - 1);
-}
-
-QUORLA_INLINE unsigned long round_up_region(unsigned long size) {
-  return (size + (k_ulong_os_region_size - 1)) & ~(k_ulong_os_region_size - 1);
-}
-
 // Bytes 0 to 3 of the region tag; bytes 4 to 15 are the piece's to write at release.
 QUORLA_INLINE void write_region_tag(void* ptr, unsigned char page_type, unsigned short node) {
   Region_tag* tag = region_tag_of(ptr);
@@ -82,13 +74,13 @@ void memory_prefault_page(void* ptr_void_start, unsigned long ulong_size) {
   // volatile: the store must reach memory so that the kernel populates the page now.
   volatile unsigned char* ptr = static_cast<unsigned char*>(ptr_void_start);
   volatile unsigned char* end = ptr + ulong_size;
-  for (; ptr < end; ptr += k_ulong_os_page_size) *ptr = 0;
+  for (; ptr < end; ptr += k_page_byte) *ptr = 0;
 }
 
 void memory_prefault_hugepage2m(void* ptr_void_start, unsigned long ulong_size) {
   volatile unsigned char* ptr = static_cast<unsigned char*>(ptr_void_start);
   volatile unsigned char* end = ptr + ulong_size;
-  for (; ptr < end; ptr += k_ulong_os_region_size) *ptr = 0;
+  for (; ptr < end; ptr += k_region_byte) *ptr = 0;
 }
 
 void* os_malloc_mmap_with_flag(unsigned long ulong_size, int int_flag) {
@@ -142,9 +134,8 @@ void* os_malloc_mmap_page(unsigned long& ulong_size) {
   void* ptr = os_malloc_mmap_with_flag(ulong_size, 0);
   write_region_tag(ptr, k_uchar_page_type_normal, 0);
   // The first page needs no prefault: the tag has just touched it.
-  if (g_bool_memory_enable_page_prefault && ulong_size > k_ulong_os_page_size) {
-    memory_prefault_page(static_cast<unsigned char*>(ptr) + k_ulong_os_page_size,
-                         ulong_size - k_ulong_os_page_size);
+  if (g_bool_memory_enable_page_prefault && ulong_size > k_page_byte) {
+    memory_prefault_page(static_cast<unsigned char*>(ptr) + k_page_byte, ulong_size - k_page_byte);
   }
   g_mutex_mmap.unlock();
   return ptr;
@@ -181,8 +172,8 @@ unsigned char* trim_to_alignment(unsigned char* ptr_map, unsigned long ulong_siz
   unsigned char* ptr = ptr_map + ulong_head;
   if (ulong_low != 0) os_free_unmap_without_lock(ptr + ulong_size, ulong_low);
   write_region_tag(ptr, k_uchar_page_type_normal, 0);
-  if (g_bool_memory_enable_page_prefault && ulong_size > k_ulong_os_page_size) {
-    memory_prefault_page(ptr + k_ulong_os_page_size, ulong_size - k_ulong_os_page_size);
+  if (g_bool_memory_enable_page_prefault && ulong_size > k_page_byte) {
+    memory_prefault_page(ptr + k_page_byte, ulong_size - k_page_byte);
   }
   return ptr;
 }
@@ -218,17 +209,17 @@ void* os_try_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulon
 
 void* os_malloc_mmap_page_2m_align(unsigned int /*uint_numa_node*/) {
   g_mutex_mmap.lock();
-  unsigned char* ptr_map = static_cast<unsigned char*>(os_malloc_mmap_with_flag(2 * k_ulong_os_region_size, 0));
-  unsigned long ulong_low = reinterpret_cast<unsigned long>(ptr_map) & (k_ulong_os_region_size - 1);
-  unsigned long ulong_head = k_ulong_os_region_size - ulong_low;
+  unsigned char* ptr_map = static_cast<unsigned char*>(os_malloc_mmap_with_flag(2 * k_region_byte, 0));
+  unsigned long ulong_low = reinterpret_cast<unsigned long>(ptr_map) & k_region_offset_mask;
+  unsigned long ulong_head = k_region_byte - ulong_low;
   // Unconditional: an aligned mapping gives back its aligned first half and keeps the second.
   os_free_unmap_without_lock(ptr_map, ulong_head);
   unsigned char* ptr_region = ptr_map + ulong_head;
-  if (ulong_low != 0) os_free_unmap_without_lock(ptr_region + k_ulong_os_region_size, ulong_low);
+  if (ulong_low != 0) os_free_unmap_without_lock(ptr_region + k_region_byte, ulong_low);
   // A region of ordinary pages always says node 0; the node argument is ignored.
   write_region_tag(ptr_region, k_uchar_page_type_normal, 0);
   if (g_bool_memory_enable_page_prefault) {
-    memory_prefault_page(ptr_region + k_ulong_os_page_size, k_ulong_os_region_size - k_ulong_os_page_size);
+    memory_prefault_page(ptr_region + k_page_byte, k_region_byte - k_page_byte);
   }
   g_mutex_mmap.unlock();
   return ptr_region;
@@ -244,8 +235,8 @@ void* os_malloc_hugepage2m(unsigned long& ulong_size) {
     write_region_tag(ptr, k_uchar_page_type_hugepage2m, 0);
     // Not tied to the prefault setting: a huge page is populated whole on its first touch,
     // so touching each one now costs nothing later.
-    if (ulong_size > k_ulong_os_region_size) {
-      memory_prefault_hugepage2m(ptr + k_ulong_os_region_size, ulong_size - k_ulong_os_region_size);
+    if (ulong_size > k_region_byte) {
+      memory_prefault_hugepage2m(ptr + k_region_byte, ulong_size - k_region_byte);
     }
   }
   g_mutex_mmap.unlock();
@@ -254,7 +245,7 @@ void* os_malloc_hugepage2m(unsigned long& ulong_size) {
 
 void* os_malloc_hugepage2m_size_2m(unsigned int uint_numa_node) {
   g_mutex_mmap.lock();
-  void* ptr = os_malloc_mmap_with_flag(k_ulong_os_region_size, k_int_map_hugetlb);
+  void* ptr = os_malloc_mmap_with_flag(k_region_byte, k_int_map_hugetlb);
   if (ptr != nullptr) {
     ++g_locking_uint_os_malloc_hugepage2m_count;
     write_region_tag(ptr, k_uchar_page_type_hugepage2m, static_cast<unsigned short>(uint_numa_node));
@@ -266,7 +257,7 @@ void* os_malloc_hugepage2m_size_2m(unsigned int uint_numa_node) {
 void* os_malloc_map_align_2m_size_2m() {
   // The lock is not held between the huge-page attempt and the fallback.
   if (g_bool_memory_use_hugepage2m) {
-    unsigned long ulong_size = k_ulong_os_region_size;
+    unsigned long ulong_size = k_region_byte;
     void* ptr = os_malloc_hugepage2m(ulong_size);
     if (ptr != nullptr) return ptr;
   }
@@ -278,12 +269,12 @@ void os_free_map_size_2m(unsigned char* ptr_byte_region) {
   unsigned char uchar_page_type = ptr_byte_region[0];
   if (uchar_page_type == k_uchar_page_type_normal) {
     g_mutex_mmap.lock();
-    os_free_unmap_without_lock(ptr_byte_region, k_ulong_os_region_size);
+    os_free_unmap_without_lock(ptr_byte_region, k_region_byte);
     g_mutex_mmap.unlock();
   } else if (uchar_page_type == k_uchar_page_type_hugepage2m) {
     g_mutex_mmap.lock();
     --g_locking_uint_os_malloc_hugepage2m_count;
-    os_free_unmap_without_lock(ptr_byte_region, k_ulong_os_region_size);
+    os_free_unmap_without_lock(ptr_byte_region, k_region_byte);
     g_mutex_mmap.unlock();
   }
 }
@@ -293,10 +284,10 @@ bool is_support_hugepage2m() {
   // otherwise, a 2 MB request would map a bigger page that cannot be unmapped by halves, so
   // the probe fails. An unreadable /proc/meminfo leaves the decision to the mapping.
   unsigned long ulong_default_kb = default_hugepage_size_kb();
-  if (ulong_default_kb != 0 && ulong_default_kb != (k_ulong_os_region_size >> 10)) return false;
+  if (ulong_default_kb != 0 && ulong_default_kb != (k_region_byte >> 10)) return false;
   g_mutex_mmap.lock();
-  void* ptr = os_malloc_mmap_with_flag(k_ulong_os_region_size, k_int_map_hugetlb);
-  if (ptr != nullptr) os_free_unmap_without_lock(ptr, k_ulong_os_region_size);
+  void* ptr = os_malloc_mmap_with_flag(k_region_byte, k_int_map_hugetlb);
+  if (ptr != nullptr) os_free_unmap_without_lock(ptr, k_region_byte);
   g_mutex_mmap.unlock();
   return ptr != nullptr;
 }

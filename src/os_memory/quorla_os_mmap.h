@@ -17,12 +17,11 @@
 #include <cstddef>
 
 #include "foundation/quorla_mutex.h"
+#include "os_memory/quorla_region.h"
 
 namespace quorla {
 
-constexpr unsigned long k_ulong_os_page_size = 4096;
-constexpr unsigned long k_ulong_os_region_size = 2097152;  // one region, one 2 MB huge page
-constexpr int k_int_map_hugetlb = 0x40000;                 // MAP_HUGETLB, default huge-page size
+constexpr int k_int_map_hugetlb = 0x40000;  // MAP_HUGETLB, default huge-page size
 
 extern mutex g_mutex_mmap;
 extern size_t g_locking_sizet_os_malloc_all_size;              // bytes mapped and not unmapped

@@ -10,6 +10,7 @@
 #include "foundation/quorla_stack_message.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
 
 namespace quorla {
@@ -18,9 +19,6 @@ extern std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count
 
 namespace {
 
-constexpr unsigned long k_region_byte = k_large_region_byte;
-
-QUORLA_INLINE unsigned long round_up_region(unsigned long size) { return (size + k_region_byte - 1) & ~(k_region_byte - 1); }
 QUORLA_INLINE unsigned int hash_of(void* ptr) {
   return static_cast<unsigned int>(hash_crc32c<unsigned long>()(reinterpret_cast<unsigned long>(ptr)));
 }
@@ -45,7 +43,7 @@ unsigned char* map_large(unsigned long aligned) {
 }
 
 // Sizes within one region of the top of the address space would round to 0.
-QUORLA_INLINE bool is_beyond_address_space(size_t size) { return size > ~0ul - (k_region_byte - 1); }
+QUORLA_INLINE bool is_beyond_address_space(size_t size) { return size > ~0ul - k_region_offset_mask; }
 
 void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
   g_mutex_mmap.lock();
@@ -53,7 +51,7 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
     size = round_up_region(size);
     g_locking_uint_os_malloc_hugepage2m_count -= static_cast<unsigned int>(size >> 21);
   } else {
-    size = (size + 4095) & ~4095ul;
+    size = round_up_page(size);
   }
   os_free_unmap_without_lock(ptr, size);
   g_mutex_mmap.unlock();

@@ -16,8 +16,6 @@
 
 namespace quorla {
 
-constexpr unsigned long k_large_region_byte = 2097152;
-
 struct Struct_memory_os_umap_data {
   Struct_memory_os_umap_data() : ulong_size(0), uchar_page_type(0), ushort_numa_node(0) {}
   Struct_memory_os_umap_data(unsigned long size, unsigned char page_type, unsigned short numa_node)

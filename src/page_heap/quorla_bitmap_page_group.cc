@@ -4,7 +4,7 @@
 
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_pause.h"
-#include "page_heap/quorla_page_piece_list.h"
+#include "os_memory/quorla_region.h"
 
 // The drain of the foreign-free queue runs the release of the allocation frame on every
 // pointer it pops; the queue is given that function's address.
@@ -32,7 +32,7 @@ void Memory_bitmap_page_group::init(unsigned long thread_id, Memory_pool_thread_
 }
 
 unsigned char* Memory_bitmap_page_group::malloc_bit_size(unsigned int bit_size) {
-  return page_piece_list::first_fit(*this, bit_size, [bit_size](Memory_bitmap_page_piece* piece) {
+  return piece_list::first_fit(*this, bit_size, [bit_size](Memory_bitmap_page_piece* piece) {
     return piece->malloc_bit_size(bit_size);
   });
 }
@@ -41,7 +41,7 @@ unsigned char* Memory_bitmap_page_group::malloc_bit_size_align(unsigned int bit_
   if (bit_size == 1 && bit_align == 1) return take_one_page();
   // No stop for a request that no aligned search can serve even in an empty piece: the
   // callers round the size up to a multiple of the alignment so that it does not arise.
-  return page_piece_list::first_fit(*this, bit_size, [bit_size, bit_align](Memory_bitmap_page_piece* piece) {
+  return piece_list::first_fit(*this, bit_size, [bit_size, bit_align](Memory_bitmap_page_piece* piece) {
     return piece->malloc_bit_size_align(bit_size, bit_align);
   });
 }
@@ -56,19 +56,19 @@ void Memory_bitmap_page_group::append_vt_normal() {
 }
 
 void Memory_bitmap_page_group::move_normal_piece_to_vt_full(unsigned int offset) {
-  page_piece_list::move_normal_to_full(*this, offset);
+  piece_list::move_normal_to_full(*this, offset);
 }
 
 void Memory_bitmap_page_group::move_full_piece_to_vt_normal(Memory_bitmap_page_piece* piece) {
-  page_piece_list::move_full_to_normal(*this, piece);
+  piece_list::move_full_to_normal_huge_page_lead(*this, piece);
 }
 
 void Memory_bitmap_page_group::free_vt_full_empty(Memory_bitmap_page_piece* piece) {
-  page_piece_list::remove_full(*this, piece);
+  piece_list::remove_full(*this, piece);
 }
 
 void Memory_bitmap_page_group::free_vt_normal_empty_force(Memory_bitmap_page_piece* piece) {
-  page_piece_list::remove_normal(*this, piece);
+  piece_list::remove_normal(*this, piece);
 }
 
 void Memory_bitmap_page_group::trim() {
@@ -129,7 +129,7 @@ unsigned long Memory_bitmap_page_group::count_byte_of_page_type(unsigned char pa
     const Memory_bitmap_page_piece* piece = vt_full[i].ptr_t;
     if (piece != nullptr && piece->uchar_page_type == page_type) ++count;
   }
-  return count * 2097152ul;
+  return count * k_region_byte;
 }
 
 unsigned long Memory_bitmap_page_group::get_byte_page() const { return count_byte_of_page_type(0); }

@@ -5,7 +5,8 @@
 //
 // Invariants: vt_normal is not empty while the group serves allocations, and
 // ptr_first_normal is vt_normal[0]; each piece's uint_offset_normal or uint_offset_full is
-// its index in the vector holding it, the other 0xFFFFFFFF.
+// its index in the vector holding it, the other 0xFFFFFFFF (the list rules are
+// page_heap/quorla_piece_list.h).
 //
 // Only the owner thread (ulong_thread_id) allocates and releases here, without locks. Other
 // threads read ptr_mpsc_queue_wait_release, create the queue under mutex_wait_release and
@@ -19,6 +20,7 @@
 #include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_memory_pool.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
+#include "page_heap/quorla_piece_list.h"
 #include "page_heap/quorla_pool_size_128_policy.h"
 
 namespace quorla {
@@ -41,35 +43,26 @@ class Memory_bitmap_page_group {
 
   void init(unsigned long thread_id, Memory_pool_thread_heap* pool);
 
-  // A run of bit_size pages (1 to 500); never null: a new region is taken when needed.
+  // A run of bit_size pages (1 to 511); never null: a new region is taken when needed.
   unsigned char* malloc_bit_size(unsigned int bit_size);
   // The same with the first page at a multiple of bit_align pages in its region.
   unsigned char* malloc_bit_size_align(unsigned int bit_size, unsigned int bit_align);
 
   // One page: set aside the first piece while it is full, then take its lowest free page.
-  QUORLA_INLINE unsigned char* take_one_page() {
-    Memory_bitmap_page_piece* piece = ptr_first_normal;
-    while (QUORLA_UNLIKELY(piece->uint_free_bit == 0)) {
-      move_normal_piece_to_vt_full(0);
-      piece = ptr_first_normal;
-    }
-    return piece->malloc_one_bit();
+  QUORLA_INLINE unsigned char* take_one_page() { return piece_list::first_with_free(*this)->malloc_one_bit(); }
+
+  // page_count pages (0 counts as 1): the single-page take, or the run search.
+  QUORLA_INLINE unsigned char* take_pages(unsigned int page_count) {
+    return page_count <= 1 ? take_one_page() : malloc_bit_size(page_count);
   }
 
-  // The rules after pages came back to one of this group's pieces: give an empty region
-  // back unless it is the only searched piece; return a piece above 63 free to vt_normal.
-  QUORLA_INLINE void after_release(Memory_bitmap_page_piece* piece) {
-    unsigned int free_bit = piece->uint_free_bit;
-    if (free_bit <= 63) return;
-    if (free_bit == 511) {
-      if (piece->uint_offset_normal == 0xFFFFFFFF) {
-        free_vt_full_empty(piece);
-      } else if (vt_normal.size() > 1) {
-        free_vt_normal_empty_force(piece);
-      }
-      return;
-    }
-    if (piece->uint_offset_normal == 0xFFFFFFFF) move_full_piece_to_vt_normal(piece);
+  // The release of a page block of a page group's piece (bit_size from its slot), then that
+  // group's rules: an empty region goes back unless it is the only searched piece, and a
+  // piece above 63 free returns to vt_normal. The group is read from the piece after the
+  // release, which keeps free's path short.
+  static QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* piece, unsigned int bit_size, unsigned int bit) {
+    piece->free_pages(bit_size, bit);
+    piece_list::after_page_release(*piece->ptr_page_group, piece, 1);
   }
 
   void append_vt_normal();

@@ -3,20 +3,13 @@
 #include <cstring>
 
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 
 namespace quorla {
 
 // g_ar_memory_malloc_page_part_cpu is defined by start-up, in the library's load order.
 
 namespace {
-
-constexpr unsigned long k_page_part_cpu_limit_byte = 2048000;
-
-QUORLA_INLINE unsigned long round_up_page(unsigned long size) { return (size + 4095) & ~4095ul; }
-
-QUORLA_INLINE unsigned long* region_slots_of(const void* ptr) {
-  return reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(ptr) & ~2097151ul);
-}
 
 Memory_page_part_cpu& entry_of_block(const void* ptr) {
   // Safe without a lock: a region with a live block keeps its piece.
@@ -50,11 +43,11 @@ unsigned char* Memory_bitmap_page_part_cpu<A, B>::malloc_pages(unsigned long siz
     release_wait_release();
   }
   unsigned char* block;
-  if (size <= 4096) {
-    block = page_piece_list::take_one_page(*this);
+  if (size <= k_page_byte) {
+    block = piece_list::first_with_free(*this)->malloc_one_bit();
   } else {
-    unsigned int bit_size = static_cast<unsigned int>(size >> 12);
-    block = page_piece_list::first_fit(*this, bit_size, [bit_size](Piece* piece) { return piece->malloc_bit_size(bit_size); });
+    unsigned int bit_size = page_count_of(size);
+    block = piece_list::first_fit(*this, bit_size, [bit_size](Piece* piece) { return piece->malloc_bit_size(bit_size); });
   }
   mutex_group.unlock();
   return block;
@@ -64,24 +57,9 @@ template <class A, class B>
 void Memory_bitmap_page_part_cpu<A, B>::apply_release(void* ptr) {
   unsigned long* slots = region_slots_of(ptr);
   auto* piece = reinterpret_cast<Piece*>(slots[0]);
-  unsigned int page = static_cast<unsigned int>((reinterpret_cast<unsigned long>(ptr) & 2097151ul) >> 12);
-  unsigned long slot = slots[page];
-  if (slot == 1) {
-    piece->free_one_bit(page);
-  } else {
-    piece->free_with_bit_size(static_cast<unsigned int>(slot), page);
-  }
-  unsigned int free_bit = piece->uint_free_bit;
-  if (free_bit < 64) return;
-  if (free_bit == 511) {
-    if (piece->uint_offset_normal == 0xFFFFFFFF) {
-      page_piece_list::remove_full(*this, piece);
-    } else if (this->vt_normal.size() > uint_min_normal_count) {
-      page_piece_list::remove_normal(*this, piece);
-    }
-    return;
-  }
-  if (piece->uint_offset_normal == 0xFFFFFFFF) page_piece_list::move_full_to_normal(*this, piece);
+  unsigned int page = page_index_of(ptr);
+  piece->free_pages(static_cast<unsigned int>(slots[page]), page);
+  piece_list::after_page_release(*this, piece, uint_min_normal_count);
 }
 
 template <class A, class B>
@@ -118,7 +96,7 @@ void* Malloc_page_part_cpu::operator()(unsigned long& size) const {
   QUORLA_LAYER(4);
   size = round_up_page(size);
   // Beyond a region's worth the block is a private mapping that no entry knows.
-  if (size > k_page_part_cpu_limit_byte) return os_malloc_mmap_page(size);
+  if (size > k_region_limit_byte) return os_malloc_mmap_page(size);
   unsigned int index = memory_part_cpu_entry();
   Memory_page_part_cpu& entry = g_ar_memory_malloc_page_part_cpu[index];
   ensure_first_piece(entry, index);
@@ -128,7 +106,7 @@ void* Malloc_page_part_cpu::operator()(unsigned long& size) const {
 void Free_page_part_cpu::operator()(void* ptr, unsigned long size) const {
   QUORLA_LAYER(4);
   unsigned int caller = memory_part_cpu_entry();
-  if (size > k_page_part_cpu_limit_byte) {
+  if (size > k_region_limit_byte) {
     g_mutex_mmap.lock();
     os_free_unmap_without_lock(ptr, round_up_page(size));
     g_mutex_mmap.unlock();

@@ -21,7 +21,7 @@
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
-#include "page_heap/quorla_page_piece_list.h"
+#include "page_heap/quorla_piece_list.h"
 #include "startup/quorla_memory_settings.h"
 
 namespace quorla {
@@ -56,7 +56,11 @@ class Memory_bitmap_page_without_lock_group {
     if (count == 0) ptr_first_normal = piece;
     vt_normal.push_back(Piece_entry(piece));
   }
-  void move_normal_piece_to_vt_full(unsigned int offset) { page_piece_list::move_normal_to_full(*this, offset); }
+  // The list calls of a page group, on the shared list rules.
+  void move_normal_piece_to_vt_full(unsigned int offset) { piece_list::move_normal_to_full(*this, offset); }
+  void move_full_piece_to_vt_normal(Piece* piece) { piece_list::move_full_to_normal_huge_page_lead(*this, piece); }
+  void free_vt_full_empty(Piece* piece) { piece_list::remove_full(*this, piece); }
+  void free_vt_normal_empty_force(Piece* piece) { piece_list::remove_normal(*this, piece); }
 
   Piece* ptr_first_normal;
   Piece_vector vt_normal;

@@ -18,7 +18,9 @@
 #include "foundation/quorla_pause.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
+#include "page_heap/quorla_piece_list.h"
 
 namespace quorla {
 
@@ -31,19 +33,13 @@ class Memory_bitmap_page_group;
 template <class Group, bool k_reset_head_page>
 class Bitmap_page_piece {
  public:
-  static constexpr unsigned int uint_page_size = 4096;
-  static constexpr unsigned long ulong_region_size = 2097152;
-  static constexpr unsigned long ulong_region_mask = ulong_region_size - 1;
-  static constexpr unsigned int uint_bit_count = 512;  // pages per region, head page included
-  static constexpr unsigned int uint_offset_none = 0xFFFFFFFFu;
-
   unsigned int uint_free_bit;        // pages free now; 511 means empty
   unsigned int uint_max_free_bit;    // bound on the longest run worth searching for; not exact
   unsigned int uint_first_free_bit;  // no free bit lies below it
   unsigned int uint_next_free_bit;   // next-fit cursor of the multi-page search
   unsigned int uint_top_bit;         // one past the highest bit handed out unaligned
-  unsigned int uint_offset_normal;   // index in the group's vt_normal, or uint_offset_none
-  unsigned int uint_offset_full;     // index in the group's vt_full, or uint_offset_none
+  unsigned int uint_offset_normal;   // index in the group's vt_normal, or piece_list::k_not_listed
+  unsigned int uint_offset_full;     // index in the group's vt_full, or piece_list::k_not_listed
   unsigned char uchar_page_type;     // 0: 4 KB pages, 1: one 2 MB huge page
   unsigned short ushort_numa_node;   // wait-release node the region returns to
   Group* ptr_page_group;  // owner, not owning
@@ -99,7 +95,7 @@ class Bitmap_page_piece {
     uint_first_free_bit = bit_end;
     if (bit_end > uint_next_free_bit) uint_next_free_bit = bit_end;
     if (bit_end > uint_top_bit) uint_top_bit = bit_end;
-    return ptr_byte_block + static_cast<unsigned long>(bit) * uint_page_size;
+    return ptr_byte_block + static_cast<unsigned long>(bit) * k_page_byte;
   }
 
   // The single-page release, for a slot that holds 1.
@@ -110,6 +106,16 @@ class Bitmap_page_piece {
     if (bit < uint_next_free_bit) uint_next_free_bit = bit;
     ptr_ulong[bit >> 6] &= ~ar_ulong_bit[bit & 63];
     ar_ulong_page_slot()[bit] = 0;
+  }
+
+  // The release of the page block at bit whose slot holds bit_size: inline for one page,
+  // the run release otherwise (which, for a slot of 0, clears nothing).
+  QUORLA_INLINE void free_pages(unsigned int bit_size, unsigned int bit) {
+    if (bit_size == 1) {
+      free_one_bit(bit);
+    } else {
+      free_with_bit_size(bit_size, bit);
+    }
   }
 
  private:
@@ -163,7 +169,7 @@ Bitmap_page_piece<Group, k_reset_head_page>::Bitmap_page_piece(unsigned int offs
       uint_next_free_bit(1),
       uint_top_bit(1),
       uint_offset_normal(offset_normal),
-      uint_offset_full(uint_offset_none),
+      uint_offset_full(piece_list::k_not_listed),
       uchar_page_type(0),
       ushort_numa_node(0),
       ptr_page_group(group),
@@ -202,7 +208,7 @@ void Bitmap_page_piece<Group, k_reset_head_page>::take_region() {
   unsigned long* slot = ar_ulong_page_slot();
   slot[0] = reinterpret_cast<unsigned long>(this);
   store_fence();
-  memset(slot + 1, 0, uint_page_size - sizeof(unsigned long));
+  memset(slot + 1, 0, k_page_byte - sizeof(unsigned long));
 }
 
 template <class Group, bool k_reset_head_page>
@@ -240,7 +246,7 @@ template <class Group, bool k_reset_head_page>
 unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_below_64(unsigned int bit_size) {
   const unsigned int cursor = uint_next_free_bit;
   const unsigned int cursor_end = cursor + bit_size;
-  if (cursor_end > uint_bit_count) {
+  if (cursor_end > k_region_page_count) {
     uint_max_free_bit = bit_size - 1;
     return nullptr;
   }
@@ -257,7 +263,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_belo
       if (cursor == uint_first_free_bit) uint_first_free_bit = cursor_end;
       uint_next_free_bit = cursor_end;
       if (cursor_end > uint_top_bit) uint_top_bit = cursor_end;
-      return ptr_byte_block + static_cast<unsigned long>(cursor) * uint_page_size;
+      return ptr_byte_block + static_cast<unsigned long>(cursor) * k_page_byte;
     }
     advance = true;  // collided: search this word again from its lowest clear bit
   } else {
@@ -282,7 +288,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_belo
         take_bits(bit, bit_size);
         if (advance) uint_next_free_bit = bit_end;
         if (bit_end > uint_top_bit) uint_top_bit = bit_end;
-        return ptr_byte_block + static_cast<unsigned long>(bit) * uint_page_size;
+        return ptr_byte_block + static_cast<unsigned long>(bit) * k_page_byte;
       }
       const unsigned int high = highest_set_bit(collide);
       if (bit_size + high > 63) {
@@ -311,10 +317,10 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_from
     uint_top_bit = bit_size + 1;
     make_ulongs_compare_offset_zero(bit_size + 1, ptr_ulong);
     ar_ulong_page_slot()[1] = bit_size;
-    return ptr_byte_block + uint_page_size;
+    return ptr_byte_block + k_page_byte;
   }
   const unsigned int cursor = uint_next_free_bit;
-  if (cursor + bit_size > uint_bit_count || (cursor >> 6) > 7) {
+  if (cursor + bit_size > k_region_page_count || (cursor >> 6) > 7) {
     uint_max_free_bit = bit_size - 1;
     return nullptr;
   }
@@ -325,7 +331,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_from
     const unsigned int start = value == 0 ? 1 : highest_set_bit(value) + 1;
     const unsigned int bit = (word << 6) + start;
     const unsigned int bit_end = bit + bit_size;
-    if (bit_end > uint_bit_count) break;
+    if (bit_end > k_region_page_count) break;
     const unsigned int count = make_ulongs_compare(start, bit_size, masks);
     if (!compare_ulongs_and_is_zero(ptr_ulong + word, masks, count)) continue;
     set_ulongs_or_equal_compare(ptr_ulong + word, masks, count);
@@ -333,7 +339,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_from
     if (bit == uint_first_free_bit) uint_first_free_bit = bit_end;
     if (bit == cursor) uint_next_free_bit = bit_end;
     if (bit_end > uint_top_bit) uint_top_bit = bit_end;
-    return ptr_byte_block + static_cast<unsigned long>(bit) * uint_page_size;
+    return ptr_byte_block + static_cast<unsigned long>(bit) * k_page_byte;
   }
   uint_max_free_bit = bit_size - 1;
   return nullptr;
@@ -346,7 +352,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_alig
     // Placed at in-word multiples of bit_align, never at bit 0 of a word; the cursor is
     // only where the search starts, and neither cursor nor top bit records the run.
     const unsigned int cursor = uint_next_free_bit;
-    if (cursor + bit_size > uint_bit_count || (cursor >> 6) > 7) return nullptr;
+    if (cursor + bit_size > k_region_page_count || (cursor >> 6) > 7) return nullptr;
     if (bit_size + bit_align > 64) return nullptr;  // no word can hold the run
     const unsigned long long mask = ar_ulong_mask[bit_size];
     for (unsigned int word = cursor >> 6; word < 8; ++word) {
@@ -358,7 +364,7 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_alig
         ptr_ulong[word] = value | run;
         const unsigned int bit = (word << 6) + offset;
         take_bits(bit, bit_size);
-        return ptr_byte_block + static_cast<unsigned long>(bit) * uint_page_size;
+        return ptr_byte_block + static_cast<unsigned long>(bit) * k_page_byte;
       }
     }
     return nullptr;
@@ -367,19 +373,19 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_alig
   // 64 pages or more: runs start at a word boundary, at words step, 2 x step, ... With a
   // step of 0 (bit_align below 64) word 0 is tested forever, since its bit 0 is always set:
   // that shape does not return, and callers never form it.
-  if (uint_next_free_bit + bit_size > uint_bit_count) return nullptr;
+  if (uint_next_free_bit + bit_size > k_region_page_count) return nullptr;
   const unsigned int step = bit_align >> 6;
   if (step > 7) return nullptr;
   unsigned long long masks[9];
   for (unsigned int word = step; word <= 7; word += step) {
     if (ptr_ulong[word] != 0) continue;
     const unsigned int bit = word << 6;
-    if (bit + bit_size > uint_bit_count) return nullptr;
+    if (bit + bit_size > k_region_page_count) return nullptr;
     const unsigned int count = make_ulongs_compare(0, bit_size, masks);
     if (!compare_ulongs_and_is_zero(ptr_ulong + word, masks, count)) continue;
     set_ulongs_or_equal_compare(ptr_ulong + word, masks, count);
     take_bits(bit, bit_size);
-    return ptr_byte_block + static_cast<unsigned long>(bit) * uint_page_size;
+    return ptr_byte_block + static_cast<unsigned long>(bit) * k_page_byte;
   }
   return nullptr;
 }
@@ -398,7 +404,7 @@ void Bitmap_page_piece<Group, k_reset_head_page>::free_with_bit_size(unsigned in
     for (unsigned int i = 1; i < 8; ++i) ptr_ulong[i] = 0;
     if (k_reset_head_page) {
       unsigned long* slot = ar_ulong_page_slot();
-      memset(slot, 0, uint_page_size);
+      memset(slot, 0, k_page_byte);
       slot[0] = reinterpret_cast<unsigned long>(this);
     }
     return;

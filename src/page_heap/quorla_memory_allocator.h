@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
 #include "startup/quorla_before_init.h"
 
 namespace quorla {
@@ -55,9 +56,8 @@ struct Realloc_os_mmap_page {
 struct Free_os_mmap_page {
   void operator()(void* ptr, unsigned long size) const {
     QUORLA_LAYER(0);
-    size = (size + 4095) & ~4095ul;
     g_mutex_mmap.lock();
-    os_free_unmap_without_lock(ptr, size);
+    os_free_unmap_without_lock(ptr, round_up_page(size));
     g_mutex_mmap.unlock();
   }
 };

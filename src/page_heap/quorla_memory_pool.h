@@ -18,6 +18,8 @@
 #include "foundation/quorla_vector_allocator.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
+#include "os_memory/quorla_region.h"
+#include "page_heap/quorla_piece_list.h"
 
 namespace quorla {
 
@@ -31,7 +33,7 @@ struct Memory_pool_without_lock_bitmap_piece {
         uint_next_free_bit(0),
         uint_block_byte(block_byte),
         uint_all_byte(512 * block_byte),
-        uint_offset_full(0xFFFFFFFF),
+        uint_offset_full(piece_list::k_not_listed),
         uint_offset_normal(offset_normal),
         ptr_byte_block(nullptr),
         ptr_byte_touch(0),
@@ -89,11 +91,7 @@ class Memory_pool_without_lock {
 
   // The take: the first piece's lowest free block from its cursor.
   QUORLA_INLINE void* pool_malloc() {
-    Piece* piece = ptr_first_normal;
-    while (QUORLA_UNLIKELY(piece->uint_free_bit == 0)) {
-      set_first_aside();
-      piece = ptr_first_normal;
-    }
+    Piece* piece = piece_list::first_with_free(*this);
     unsigned int bit = piece->uint_next_free_bit;
     unsigned long long mask = 1ull << (bit & 63);
     if (QUORLA_LIKELY(bit < 512 && (piece->ptr_ulong[bit >> 6] & mask) == 0)) {
@@ -110,7 +108,7 @@ class Memory_pool_without_lock {
     unsigned char* block = piece->ptr_byte_block + static_cast<unsigned long>(bit) * piece->uint_block_byte;
     if (QUORLA_UNLIKELY(reinterpret_cast<unsigned long>(block) > piece->ptr_byte_touch)) {
       // First write to this page of a new area: taken under the mapping lock.
-      piece->ptr_byte_touch = reinterpret_cast<unsigned long>(block) | 4095;
+      piece->ptr_byte_touch = reinterpret_cast<unsigned long>(block) | (k_page_byte - 1);
       g_mutex_mmap.lock();
       *reinterpret_cast<Piece**>(block) = piece;
       g_mutex_mmap.unlock();
@@ -134,28 +132,17 @@ class Memory_pool_without_lock {
     unsigned int free_bit = ++piece->uint_free_bit;
     if (free_bit < 64) return;
     if (free_bit == 512) {
-      unsigned int offset = piece->uint_offset_normal;
-      if (pool->vt_normal.size() > pool->uint_min_normal_count && offset < pool->vt_normal.size()) {
-        pool->vt_normal.erase_fast(offset);  // the entry destroys the piece and its area
-        if (offset < pool->vt_normal.size()) {
-          Piece* filler = pool->vt_normal[offset].ptr_t;
-          filler->uint_offset_normal = offset;
-          if (offset == 0) pool->ptr_first_normal = filler;
-        }
-      }
+      // The entry destroys the piece and its area.
+      if (pool->vt_normal.size() > pool->uint_min_normal_count) piece_list::remove_normal(*pool, piece);
       return;
     }
-    if (piece->uint_offset_normal == 0xFFFFFFFF) {
-      // Back at the end of vt_normal; no piece takes the lead here.
-      unsigned int full_offset = piece->uint_offset_full;
-      pool->vt_normal.push_back(static_cast<Piece_entry&&>(pool->vt_full[full_offset]));
-      pool->vt_full.erase_fast(full_offset);
-      piece->uint_offset_normal = pool->vt_normal.size() - 1;
-      piece->uint_offset_full = 0xFFFFFFFF;
-      if (piece->uint_offset_normal == 0) pool->ptr_first_normal = piece;
-      if (full_offset < pool->vt_full.size()) pool->vt_full[full_offset].ptr_t->uint_offset_full = full_offset;
-    }
+    // Back at the end of vt_normal; no piece takes the lead here.
+    if (piece->uint_offset_normal == piece_list::k_not_listed) piece_list::move_full_to_normal(*pool, piece);
   }
+
+  // The take's setting aside, always of the first piece when it is used up: it goes to
+  // vt_full, the next one (or a new one) leads.
+  void move_normal_piece_to_vt_full(unsigned int offset) { piece_list::move_normal_to_full(*this, offset); }
 
   // Gives back the storage of an empty vt_full.
   void trim_vt_full() {
@@ -177,23 +164,6 @@ class Memory_pool_without_lock {
   unsigned int uint_part_cpu_offset;
   Piece_vector vt_normal;
   Piece_vector vt_full;
-
- private:
-  // The first piece is used up: it goes to vt_full, the next one (or a new one) leads.
-  void set_first_aside() {
-    vt_full.push_back(static_cast<Piece_entry&&>(vt_normal[0]));
-    vt_normal.erase_fast(0);
-    Piece* moved = vt_full[vt_full.size() - 1].ptr_t;
-    moved->uint_offset_normal = 0xFFFFFFFF;
-    moved->uint_offset_full = vt_full.size() - 1;
-    if (vt_normal.size() == 0) {
-      append_vt_normal();
-    } else {
-      Piece* first = vt_normal[0].ptr_t;
-      first->uint_offset_normal = 0;
-      ptr_first_normal = first;
-    }
-  }
 };
 
 }  // namespace quorla

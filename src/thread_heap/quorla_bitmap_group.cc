@@ -35,39 +35,16 @@ void Memory_bitmap_group::append_vt_normal() {
 }
 
 void Memory_bitmap_group::move_normal_piece_to_vt_full(unsigned int offset) {
-  vt_full.push_back(static_cast<Piece_entry&&>(vt_normal[offset]));
-  vt_normal.erase_fast(offset);
-  Memory_bitmap_piece* moved = vt_full[vt_full.size() - 1].ptr_t;
-  moved->uint_offset_normal = 0xFFFFFFFF;
-  moved->uint_offset_full = vt_full.size() - 1;
-  // The list must not end at the caller's position: this is what ends the take loops.
-  if (offset >= vt_normal.size()) {
-    append_vt_normal();
-    return;
-  }
-  Memory_bitmap_piece* filler = vt_normal[offset].ptr_t;
-  filler->uint_offset_normal = offset;
-  if (offset == 0) ptr_piece_first = filler;
+  piece_list::move_normal_to_full(*this, offset);
 }
 
+// ptr_piece_first is never touched: the piece goes to the end of a list that is not empty.
 void Memory_bitmap_group::move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) {
-  unsigned int full_offset = piece->uint_offset_full;
-  vt_normal.push_back(static_cast<Piece_entry&&>(vt_full[full_offset]));
-  vt_full.erase_fast(full_offset);
-  piece->uint_offset_normal = vt_normal.size() - 1;
-  piece->uint_offset_full = 0xFFFFFFFF;
-  if (full_offset < vt_full.size()) vt_full[full_offset].ptr_t->uint_offset_full = full_offset;
+  piece_list::move_full_to_normal(*this, piece);
 }
 
 void Memory_bitmap_group::free_vt_normal_empty_force(Memory_bitmap_piece* piece) {
-  unsigned int offset = piece->uint_offset_normal;
-  if (offset >= vt_normal.size()) return;
-  vt_normal.erase_fast(offset);  // destroys the piece, its record goes back to the pool
-  if (offset < vt_normal.size()) {
-    Memory_bitmap_piece* filler = vt_normal[offset].ptr_t;
-    filler->uint_offset_normal = offset;
-    if (offset == 0) ptr_piece_first = filler;
-  }
+  piece_list::remove_normal(*this, piece);  // destroys the piece, its record goes back to the pool
 }
 
 void Memory_bitmap_group::trim() {
@@ -83,89 +60,71 @@ void* Memory_bitmap_group::take_run(Memory_bitmap_piece* piece, unsigned int fir
   return piece->ptr_block + static_cast<unsigned long>(first) * piece->uint_bit_ref_byte;
 }
 
-// The piece a run search tries after `piece` (at `index` of vt_normal) failed: one with
-// fewer than 64 free leaves the search for good and the next one moves into its place;
-// past the end a new piece is appended.
-Memory_bitmap_piece* Memory_bitmap_group::next_searched_piece(Memory_bitmap_piece* piece, unsigned int& index) {
-  if (piece->uint_free_bit < 64) {
-    move_normal_piece_to_vt_full(index);
-  } else if (++index == vt_normal.size()) {
-    append_vt_normal();
-  }
-  return vt_normal[index].ptr_t;
-}
-
+// Both run searches are first fits over the pieces (the shared rule sets a piece aside when
+// a search failed on it or skipped it with fewer than 64 free); a piece that gave its
+// memory back takes a new backing block when a search comes to it.
 void* Memory_bitmap_group::malloc_bit_size(unsigned int bit_size) {
   const unsigned long mask = ar_ulong_mask[bit_size];
-  unsigned int index = 0;
-  Memory_bitmap_piece* piece = ptr_piece_first;
-  for (;;) {
-    if (piece->uint_max_free_bit >= bit_size) {
-      if (piece->ptr_block == nullptr) piece->malloc_block();
-      unsigned int cursor = piece->uint_next_free_bit;
-      if (cursor + bit_size > 512) {
-        piece->uint_max_free_bit = bit_size - 1;
-      } else {
-        unsigned int word = cursor >> 6;
-        unsigned int shift = cursor & 63;
-        if (bit_size + shift <= 64 && (piece->ptr_ulong[word] & (mask << shift)) == 0) {
-          // First fit at the cursor.
-          if (cursor == piece->uint_first_free_bit) piece->uint_first_free_bit = cursor + bit_size;
-          piece->uint_next_free_bit = cursor + bit_size;
-          return take_run(piece, cursor, bit_size);
+  return piece_list::first_fit(*this, bit_size, [this, bit_size, mask](Memory_bitmap_piece* piece) -> void* {
+    if (piece->ptr_block == nullptr) piece->malloc_block();
+    unsigned int cursor = piece->uint_next_free_bit;
+    if (cursor + bit_size > 512) {
+      piece->uint_max_free_bit = bit_size - 1;
+      return nullptr;
+    }
+    unsigned int word = cursor >> 6;
+    unsigned int shift = cursor & 63;
+    if (bit_size + shift <= 64 && (piece->ptr_ulong[word] & (mask << shift)) == 0) {
+      // First fit at the cursor.
+      if (cursor == piece->uint_first_free_bit) piece->uint_first_free_bit = cursor + bit_size;
+      piece->uint_next_free_bit = cursor + bit_size;
+      return take_run(piece, cursor, bit_size);
+    }
+    if (bit_size + shift > 64) ++word;
+    // Runs stay inside one word: after a clash at bit h, the next candidate lies above h, and
+    // bit_size + h above 63 means that none fits in this word.
+    for (; word < 8; ++word) {
+      unsigned long taken = piece->ptr_ulong[word];
+      while (taken != ~0ul) {
+        unsigned int lowest = static_cast<unsigned int>(__builtin_ctzl(~taken));
+        if (lowest + bit_size > 64) break;
+        unsigned long clash = (mask << lowest) & taken;
+        if (clash == 0) {
+          unsigned int first = word * 64 + lowest;
+          piece->uint_next_free_bit = first + bit_size;
+          return take_run(piece, first, bit_size);
         }
-        if (bit_size + shift > 64) ++word;
-        // Runs stay inside one word: after a clash at bit h, the next candidate lies above
-        // h, and bit_size + h above 63 means that none fits in this word.
-        for (; word < 8; ++word) {
-          unsigned long taken = piece->ptr_ulong[word];
-          while (taken != ~0ul) {
-            unsigned int lowest = static_cast<unsigned int>(__builtin_ctzl(~taken));
-            if (lowest + bit_size > 64) break;
-            unsigned long clash = (mask << lowest) & taken;
-            if (clash == 0) {
-              unsigned int first = word * 64 + lowest;
-              piece->uint_next_free_bit = first + bit_size;
-              return take_run(piece, first, bit_size);
-            }
-            unsigned int highest = 63 - static_cast<unsigned int>(__builtin_clzl(clash));
-            if (bit_size + highest > 63) break;
-            taken |= ar_ulong_mask[highest];
-          }
-        }
-        piece->uint_max_free_bit = bit_size - 1;
+        unsigned int highest = 63 - static_cast<unsigned int>(__builtin_clzl(clash));
+        if (bit_size + highest > 63) break;
+        taken |= ar_ulong_mask[highest];
       }
     }
-    piece = next_searched_piece(piece, index);
-  }
+    piece->uint_max_free_bit = bit_size - 1;
+    return nullptr;
+  });
 }
 
 void* Memory_bitmap_group::malloc_bit_size_alignment(unsigned int bit_size, unsigned int alignment) {
   const unsigned long mask = ar_ulong_mask[bit_size];
   const unsigned int alignment_mask = alignment - 1;
-  unsigned int index = 0;
-  Memory_bitmap_piece* piece = ptr_piece_first;
-  for (;;) {
-    if (piece->uint_max_free_bit >= bit_size) {
-      if (piece->ptr_block == nullptr) piece->malloc_block();
-      unsigned int cursor = piece->uint_next_free_bit;
-      if (cursor + bit_size <= 512 && (cursor >> 6) <= 7 && bit_size <= 64) {
-        // Neither cursor moves; each word is scanned from bit 0. A failure here never
-        // lowers uint_max_free_bit.
-        for (unsigned int word = cursor >> 6; word < 8; ++word) {
-          unsigned long taken = piece->ptr_ulong[word];
-          if (taken == ~0ul) continue;
-          for (unsigned int bit = 0; bit + bit_size <= 64; ++bit) {
-            unsigned int byte_offset = (word * 64 + bit) * piece->uint_bit_ref_byte;
-            if ((byte_offset & alignment_mask) == 0 && (taken & (mask << bit)) == 0) {
-              return take_run(piece, word * 64 + bit, bit_size);
-            }
-          }
+  return piece_list::first_fit(*this, bit_size, [this, bit_size, mask, alignment_mask](Memory_bitmap_piece* piece) -> void* {
+    if (piece->ptr_block == nullptr) piece->malloc_block();
+    unsigned int cursor = piece->uint_next_free_bit;
+    if (cursor + bit_size > 512 || (cursor >> 6) > 7 || bit_size > 64) return nullptr;
+    // Neither cursor moves; each word is scanned from bit 0. A failure here never lowers
+    // uint_max_free_bit.
+    for (unsigned int word = cursor >> 6; word < 8; ++word) {
+      unsigned long taken = piece->ptr_ulong[word];
+      if (taken == ~0ul) continue;
+      for (unsigned int bit = 0; bit + bit_size <= 64; ++bit) {
+        unsigned int byte_offset = (word * 64 + bit) * piece->uint_bit_ref_byte;
+        if ((byte_offset & alignment_mask) == 0 && (taken & (mask << bit)) == 0) {
+          return take_run(piece, word * 64 + bit, bit_size);
         }
       }
     }
-    piece = next_searched_piece(piece, index);
-  }
+    return nullptr;
+  });
 }
 
 }  // namespace quorla

@@ -12,6 +12,7 @@
 #pragma once
 
 #include "page_heap/quorla_bitmap_page_group.h"
+#include "page_heap/quorla_piece_list.h"
 #include "thread_heap/quorla_bitmap_piece.h"
 
 namespace quorla {
@@ -30,14 +31,7 @@ class Memory_bitmap_group {
             Memory_pool_thread_heap* pool);
 
   // One block (Take one block): the first piece with a free block serves it.
-  QUORLA_INLINE void* take_one_block() {
-    Memory_bitmap_piece* piece = ptr_piece_first;
-    while (QUORLA_UNLIKELY(piece->uint_free_bit == 0)) {
-      move_normal_piece_to_vt_full(0);
-      piece = ptr_piece_first;
-    }
-    return piece->take_one_block();
-  }
+  QUORLA_INLINE void* take_one_block();
 
   // A run of bit_size blocks (2 to 15), first fit over the pieces in list order.
   void* malloc_bit_size(unsigned int bit_size);
@@ -62,10 +56,20 @@ class Memory_bitmap_group {
   Piece_vector vt_full;
 
  private:
-  Memory_bitmap_piece* next_searched_piece(Memory_bitmap_piece* piece, unsigned int& index);
   // Sets the bits of a run at block `first` and records it; returns its address.
   void* take_run(Memory_bitmap_piece* piece, unsigned int first, unsigned int bit_size);
 };
+
+// The list rules are the shared ones (page_heap/quorla_piece_list.h); this group's first
+// pointer is ptr_piece_first.
+template <>
+struct piece_list::First_normal<Memory_bitmap_group> {
+  static QUORLA_INLINE Memory_bitmap_piece*& of(Memory_bitmap_group& group) { return group.ptr_piece_first; }
+};
+
+QUORLA_INLINE void* Memory_bitmap_group::take_one_block() {
+  return piece_list::first_with_free(*this)->take_one_block();
+}
 
 QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   unsigned int block = block_number(ptr);
@@ -96,7 +100,7 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
     if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
     return;
   }
-  if (uint_offset_normal == 0xFFFFFFFF) ptr_group->move_full_piece_to_vt_normal(this);
+  if (uint_offset_normal == piece_list::k_not_listed) ptr_group->move_full_piece_to_vt_normal(this);
 }
 
 }  // namespace quorla

@@ -2,17 +2,10 @@
 
 #include <cstring>
 
+#include "os_memory/quorla_region.h"
 #include "thread_heap/quorla_bitmap_group.h"
 
 namespace quorla {
-
-namespace {
-
-QUORLA_INLINE unsigned long* region_slots(const unsigned char* address) {
-  return reinterpret_cast<unsigned long*>(reinterpret_cast<unsigned long>(address) & ~2097151ul);
-}
-
-}  // namespace
 
 Memory_bitmap_piece::Memory_bitmap_piece(unsigned int offset_normal, Memory_bitmap_group* group)
     : uint_free_bit(512),
@@ -20,7 +13,7 @@ Memory_bitmap_piece::Memory_bitmap_piece(unsigned int offset_normal, Memory_bitm
       uint_first_free_bit(0),
       uint_next_free_bit(0),
       uint_offset_normal(offset_normal),
-      uint_offset_full(0xFFFFFFFF),
+      uint_offset_full(piece_list::k_not_listed),
       uint_bit_ref_byte(group->uint_bit_ref_byte),
       uint_page_bit_size(group->uint_page_bit_size),
       uint_page_bit_offset(0),
@@ -47,9 +40,8 @@ Memory_bitmap_piece::~Memory_bitmap_piece() {
 void Memory_bitmap_piece::malloc_block() {
   unsigned int page_count = uint_page_bit_size;
   Memory_bitmap_page_group* page_group = ptr_group->ptr_page_group;
-  unsigned char* address =
-      page_count == 1 ? page_group->take_one_page() : page_group->malloc_bit_size(page_count);
-  unsigned int page = static_cast<unsigned int>((reinterpret_cast<unsigned long>(address) & 2097151ul) >> 12);
+  unsigned char* address = page_group->take_pages(page_count);
+  unsigned int page = page_index_of(address);
   if (ptr_block != nullptr) {
     free_block_with_ptr(address, page_count, page);
     return;
@@ -57,22 +49,17 @@ void Memory_bitmap_piece::malloc_block() {
   ptr_block = address;
   uint_page_bit_offset = page;
   // Every page of the backing block points at this piece: a slot above 511 is a piece.
-  unsigned long* slots = region_slots(address);
+  unsigned long* slots = region_slots_of(address);
   for (unsigned int i = 0; i < page_count; ++i) slots[page + i] = reinterpret_cast<unsigned long>(this);
 }
 
 void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int page_bit_size,
                                               unsigned int page_bit_offset) {
-  unsigned long* slots = region_slots(ptr);
+  unsigned long* slots = region_slots_of(ptr);
   auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
   // Wipe the piece addresses, so that a later free of a stale pointer sees a slot of 0.
   for (unsigned int i = 0; i < page_bit_size; ++i) slots[page_bit_offset + i] = 0;
-  if (page_bit_size == 1) {
-    page_piece->free_one_bit(page_bit_offset);
-  } else {
-    page_piece->free_with_bit_size(page_bit_size, page_bit_offset);
-  }
-  page_piece->ptr_page_group->after_release(page_piece);
+  Memory_bitmap_page_group::release_pages(page_piece, page_bit_size, page_bit_offset);
 }
 
 void Memory_bitmap_piece::inner_free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {

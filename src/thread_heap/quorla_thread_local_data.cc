@@ -25,9 +25,9 @@ Memory_thread_local_data::Memory_thread_local_data(unsigned long thread_id)
       ar_group() {
   set_up_thread_pool(pool_piece, 512);
   // Each group's first piece takes its backing block from page_group and at once returns it.
-  group_8byte.init(k_group_8byte_block_type, k_group_8byte_piece_byte, &page_group, &pool_piece);
+  group_8byte.init(k_group_8byte_block_type, k_group_8byte_block_byte << 9, &page_group, &pool_piece);
   for (unsigned int g = 0; g < 16; ++g) {
-    ar_group[g].init(static_cast<unsigned char>(g), k_ar_group_piece_byte[g], &page_group, &pool_piece);
+    ar_group[g].init(static_cast<unsigned char>(g), k_ar_group_block_byte[g] << 9, &page_group, &pool_piece);
   }
   store_fence();
 }

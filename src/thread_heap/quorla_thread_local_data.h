@@ -29,10 +29,12 @@ class Memory_thread_local_data {
   Memory_bitmap_group ar_group[16];
 };
 
-// uint_piece_byte of ar_group[0..15]: 512 blocks of 16, 32, ... 208, 256, 512, 1024 bytes.
-constexpr unsigned int k_ar_group_piece_byte[16] = {8192,  16384, 24576, 32768, 40960,  49152,  57344,  65536,
-                                                    73728, 81920, 90112, 98304, 106496, 131072, 262144, 524288};
-constexpr unsigned int k_group_8byte_piece_byte = 4096;
+// The small-block classes: block bytes of ar_group[0..15] (the route table of malloc names
+// groups by these indexes), and group_8byte, class 16. A piece holds 512 blocks, so a
+// group's uint_piece_byte is its block size << 9.
+constexpr unsigned int k_ar_group_block_byte[16] = {16,  32,  48,  64,  80,  96,  112, 128,
+                                                    144, 160, 176, 192, 208, 256, 512, 1024};
+constexpr unsigned int k_group_8byte_block_byte = 8;
 constexpr unsigned char k_group_8byte_block_type = 16;
 
 }  // namespace quorla

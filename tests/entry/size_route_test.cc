@@ -1,6 +1,7 @@
 // The route table checked against the size ranges of the allocator's class table (sizes,
 // block bytes, block count), written out here independently of the rows that build it.
 #include "entry/quorla_size_route.h"
+#include "thread_heap/quorla_thread_local_data.h"
 
 #include <gtest/gtest.h>
 

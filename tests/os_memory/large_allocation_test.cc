@@ -54,11 +54,11 @@ TEST(Large_allocation, SizesAreRecordedInWholeRegions) {
       ASSERT_NE(block, nullptr) << c.size;
       EXPECT_EQ(addr(block) % k_2m, 0u) << c.size;
       EXPECT_EQ(quorla_os_get_malloc_size(block), c.recorded) << c.size;
-      if (c.recorded > k_2m) EXPECT_EQ(mapped() - before, c.recorded) << c.size;
+      if (c.recorded > k_2m) { EXPECT_EQ(mapped() - before, c.recorded) << c.size; }
       block[0] = 1;
       block[c.recorded - 1] = 2;
       quorla_os_free(block);
-      if (c.recorded > k_2m) EXPECT_EQ(mapped(), before) << c.size;
+      if (c.recorded > k_2m) { EXPECT_EQ(mapped(), before) << c.size; }
     });
     EXPECT_EQ(err, "") << c.size;
   }

@@ -155,7 +155,8 @@ TEST(HardenedEdges, WrappingProducts) {
   std::string err = stderr_of([&] { EXPECT_EQ(calloc(count, 3), nullptr); });
   EXPECT_EQ(errno, ENOMEM);
   EXPECT_EQ(err, "Log: quorla_calloc() over size. sizet_nmemb_in=" + std::to_string(count) + ", sizet_size_in=3\r\n");
-  void* block = malloc(40);
+  // Volatile: a failed reallocarray leaves the block live, which the compiler cannot know.
+  void* volatile block = malloc(40);
   errno = 0;
   EXPECT_EQ(reallocarray(block, (g_size_max >> 2) + 1, 4), nullptr);  // (2^62 + 1) * 4 wraps to 4 bytes
   EXPECT_EQ(errno, ENOMEM);
@@ -190,13 +191,13 @@ TEST(HardenedEdges, AlignmentValidation) {
       ASSERT_NE(from_memalign, nullptr) << c.alignment;
       ASSERT_NE(from_aligned_alloc, nullptr) << c.alignment;
       // The default build rounds a size at alignment 0 down to 0 (kept, and in aligned_test).
-      if (c.alignment != 0) EXPECT_GE(malloc_usable_size(from_memalign), 100u) << c.alignment;
+      if (c.alignment != 0) { EXPECT_GE(malloc_usable_size(from_memalign), 100u) << c.alignment; }
       if (c.alignment > 8 && (c.alignment & (c.alignment - 1)) == 0) {
         EXPECT_EQ(address(from_memalign) % c.alignment, 0u) << c.alignment;
         EXPECT_EQ(address(from_aligned_alloc) % c.alignment, 0u) << c.alignment;
       }
     }
-    if (!posix_refused) EXPECT_EQ(address(out) % (c.alignment == 0 ? 1 : c.alignment), 0u) << c.alignment;
+    if (!posix_refused) { EXPECT_EQ(address(out) % (c.alignment == 0 ? 1 : c.alignment), 0u) << c.alignment; }
     free(from_memalign);
     free(from_aligned_alloc);
     free(out);
