@@ -29,7 +29,6 @@
 #include "entry/quorla_malloc_frame.h"
 
 #include "entry/quorla_size_route.h"
-#include "foundation/quorla_atomic.h"
 #include "foundation/quorla_thread_self.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
@@ -40,28 +39,24 @@
 namespace quorla {
 
 unsigned int g_uint_memory_malloc_128byte_count = 0;
-std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count{0};
 
 namespace {
 
-// The first 128-byte request is the late moment at which the configuration is looked at,
-// unless something earlier caused it. The counter moves first, so allocations made by the
-// configuration reader do not enter here again.
-QUORLA_COLD void run_configuration_gate() {
-  atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u);
-}
-
-// A request from deep in the allocator to start the background thread, acted on here.
+// A request from deep in the allocator to start the background thread, acted on here; then
+// the configuration gate, so that this may also be the moment the settings are read.
 QUORLA_COLD void act_on_background_request() {
   g_bool_memory_need_enable_thread_background = false;
   store_fence();
-  run_configuration_gate();
+  memory_check_program_config();
 }
 
+// The first 128-byte request is the late moment at which the configuration is looked at,
+// unless something earlier caused it. The gate's counter moves before the reader runs, so
+// the reader's own allocations do not enter it again.
 QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
   // Served one group up (144-byte blocks); every later 128-byte request uses its own group.
   g_uint_memory_malloc_128byte_count = 1;
-  run_configuration_gate();
+  memory_check_program_config();
   return heap->ar_group[8].take_one_block();
 }
 

@@ -1,12 +1,12 @@
 // Number and text conversions. Nothing here allocates: these run below malloc and inside
-// abort messages. The only output of their own is chars_to_ulong's overflow line.
+// abort messages. Their own lines (chars_to_ulong's overflow, the power-of-two aborts) are
+// built on the stack and written by one fputs.
 #include "foundation/quorla_conversion.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "foundation/quorla_machine.h"
+#include "foundation/quorla_stack_message.h"
 
 namespace quorla {
 
@@ -213,16 +213,17 @@ unsigned long chars_to_ulong(const char* text, unsigned long length, bool& bool_
   while (position < length && is_digit(text[position])) {
     unsigned long next = value * 10 + static_cast<unsigned long>(text[position] - '0');
     if (next < value) {
-      // The prefix of this line stays as it is: tools search for it.
-      char prior[k_number_chars];
-      char out[k_number_chars];
-      fputs("aaaa1 Log: chars_to_ulong() ulong_prior=", stderr);
-      fputs(ulong_to_chars(value, prior), stderr);
-      fputs(", ulong_out=", stderr);
-      fputs(ulong_to_chars(next, out), stderr);
-      fputs(", chars_in=", stderr);
-      fwrite(text, 1, length, stderr);
-      fputs("\r\n", stderr);
+      // The prefix of this line stays as it is: tools search for it. The text is cut to
+      // what the buffer holds, so that no input can turn the report into an abort.
+      Stack_message<1024>()
+          .text("aaaa1 Log: chars_to_ulong() ulong_prior=")
+          .dec(value)
+          .text(", ulong_out=")
+          .dec(next)
+          .text(", chars_in=")
+          .append_cut(text, length, 2)
+          .end_line()
+          .write();
       bool_overflow = true;
       return 0;
     }
@@ -263,11 +264,7 @@ unsigned long long get_2power_great_or_equal_to(unsigned long long value) {
   for (int i = 0; i < 63; ++i, power <<= 1) {
     if (power >= value) return power;
   }
-  char scratch[k_number_chars];
-  fputs("Error: get_2power_great_or_equal_to() overflow. ulong_in=", stderr);
-  fputs(ulong_to_chars(value, scratch), stderr);
-  fputs("\r\n", stderr);
-  abort();
+  Stack_message<1024>().text("Error: get_2power_great_or_equal_to() overflow. ulong_in=").dec(value).end_line().write_and_abort();
 }
 
 unsigned long long get_2power_great_or_equal_to(unsigned long long value, unsigned long long min) {
@@ -276,13 +273,13 @@ unsigned long long get_2power_great_or_equal_to(unsigned long long value, unsign
   while (result < value) {
     unsigned long long doubled = result << 1;
     if (doubled <= result) {
-      char scratch[k_number_chars];
-      fputs("Error: get_2power_great_or_equal_to() overflow. ulong_in=", stderr);
-      fputs(ulong_to_chars(value, scratch), stderr);
-      fputs(", ulong_min_in=", stderr);
-      fputs(ulong_to_chars(min, scratch), stderr);
-      fputs("\r\n", stderr);
-      abort();
+      Stack_message<1024>()
+          .text("Error: get_2power_great_or_equal_to() overflow. ulong_in=")
+          .dec(value)
+          .text(", ulong_min_in=")
+          .dec(min)
+          .end_line()
+          .write_and_abort();
     }
     result = doubled;
   }
@@ -291,11 +288,7 @@ unsigned long long get_2power_great_or_equal_to(unsigned long long value, unsign
 
 // The one message of both 32-bit forms; written without allocating.
 [[noreturn]] static void uint_power_overflow(unsigned int value) {
-  char scratch[k_number_chars];
-  fputs("Error: get_2power_great_or_equal_to_uint() overflow. uint_in=", stderr);
-  fputs(uint_to_chars(value, scratch), stderr);
-  fputs("\r\n", stderr);
-  abort();
+  Stack_message<1024>().text("Error: get_2power_great_or_equal_to_uint() overflow. uint_in=").dec(value).end_line().write_and_abort();
 }
 
 unsigned int get_2power_great_or_equal_to_uint(unsigned int value) {

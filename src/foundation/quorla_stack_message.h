@@ -31,6 +31,13 @@ class Stack_message {
     d_ar_char[d_uint_size] = 0;
     return *this;
   }
+  // As much of the text as leaves reserve bytes free; the rest is dropped. For echoes of
+  // outside input, whose length the caller cannot bound.
+  Stack_message& append_cut(const char* chars, unsigned long length, unsigned int reserve) {
+    unsigned long room = N - 1 - d_uint_size;
+    room = room > reserve ? room - reserve : 0;
+    return append(chars, static_cast<unsigned int>(length < room ? length : room));
+  }
   Stack_message& dec(unsigned long value) {
     char scratch[k_number_chars];
     return text(ulong_to_chars(value, scratch));

@@ -14,7 +14,7 @@ namespace quorla {
 unsigned int string::get_new_capacity(unsigned long long uint_size_in, unsigned int size, unsigned int capacity) {
   const unsigned long long result = get_2power_great_or_equal_to(uint_size_in + 1, 16);
   if (result < 0xFFFFFFFFull) return static_cast<unsigned int>(result);
-  Stack_message<512>()
+  Stack_message<1024>()
       .text("Error: string::get_new_capacity() reach max size. uint_size_in=")
       .dec(uint_size_in)
       .text(", ulong_return=")
@@ -63,7 +63,7 @@ void string::reserve_for_insert(unsigned long long new_size, unsigned int pos, u
 }
 
 void string::run_abort_for_offset_overflow(const char* file, unsigned int line, const char* func, unsigned int pos) const {
-  Stack_message<512>()
+  Stack_message<1024>()
       .text("Error: out_of_range. uint_pos_in=")
       .dec(pos)
       .text(", size()=")
@@ -74,7 +74,7 @@ void string::run_abort_for_offset_overflow(const char* file, unsigned int line, 
 
 unsigned int string::check_subpos(unsigned int pos, unsigned int line, const char* func) const {
   if (pos <= d_uint_size) return pos;
-  Stack_message<512>()
+  Stack_message<1024>()
       .text("Error: out_of_range. uint_subpos_in=")
       .dec(pos)
       .text(", size()=")
@@ -87,7 +87,7 @@ unsigned int string::check_iterator_range(const_iterator first, const_iterator l
   const unsigned long it1 = static_cast<unsigned long>(first - d_ptr_data);
   const unsigned long it2 = static_cast<unsigned long>(last - d_ptr_data);
   if (it1 <= it2 && it2 <= d_uint_size) return static_cast<unsigned int>(it1);
-  Stack_message<512>()
+  Stack_message<1024>()
       .text("Error: out_of_range. it1_offset=")
       .dec(it1)
       .text(", it2_offset=")
@@ -200,7 +200,7 @@ string::iterator string::erase_range(const_iterator first, const_iterator last) 
   const unsigned long it1 = static_cast<unsigned long>(first - d_ptr_data);
   const unsigned long it2 = static_cast<unsigned long>(last - d_ptr_data);
   if (it2 > d_uint_size || it1 > it2) {
-    Stack_message<512>()
+    Stack_message<1024>()
         .text("Error: out_of_range. uint_offset_it_first=")
         .dec(it1)
         .text(", uint_offset_it_last=")

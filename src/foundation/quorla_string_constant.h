@@ -26,9 +26,4 @@ extern string g_str_close;             // "close"
 extern string g_str_txt;               // ".txt"
 extern string g_str_double_blank;      // "  "
 
-// Reserved names of the crash log: built at start-up, read by nothing yet.
-extern string g_str_crash_log_path;       // "/tmp"
-extern string g_str_crash_log_file;       // "crash.log"
-extern string g_str_crash_path_file_name;  // "crash.log"
-
 }  // namespace quorla

@@ -63,14 +63,16 @@ bool string_append_to_file(const string& str, const string& path_file_name) {
   return write_file(path_file_name.c_str(), O_CREAT | O_APPEND, str, false);
 }
 
-bool file_to_string(const string& path_file_name, string& str) {
+bool file_to_string(const string& path_file_name, string& str, unsigned int uint_max_byte) {
   str.clear();
   const int fd = ::open(path_file_name.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  for (;;) {
-    // Capacity above size + chunk leaves room for a full chunk and the terminator.
-    str.reserve(str.size() + k_file_to_string_chunk);
-    const long got = ::read(fd, str.data() + str.size(), k_file_to_string_chunk);
+  while (str.size() < uint_max_byte) {
+    const unsigned int left = uint_max_byte - str.size();
+    const unsigned int chunk = left < k_file_to_string_chunk ? left : k_file_to_string_chunk;
+    // Capacity above size + chunk leaves room for the chunk and the terminator.
+    str.reserve(str.size() + chunk);
+    const long got = ::read(fd, str.data() + str.size(), chunk);
     if (got > 0) {
       str.resize_no_fill(str.size() + static_cast<unsigned int>(got));
     } else if (got == 0) {

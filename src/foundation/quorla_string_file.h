@@ -17,8 +17,8 @@ bool string_to_file(const string& str, const string& path_file_name);
 bool string_save_to_file(const string& str, const string& path_file_name);
 // Appends str to the file, creating it if needed; true if every byte was written.
 bool string_append_to_file(const string& str, const string& path_file_name);
-// Clears str, opens the file and reads it whole in chunks of 4095 bytes; false if it could not be opened or a read failed (str then holds what was read).
-bool file_to_string(const string& path_file_name, string& str);
+// Clears str, opens the file and reads it in chunks of 4095 bytes, at most uint_max_byte bytes (the rest stays unread); false if it could not be opened or a read failed (str then holds what was read).
+bool file_to_string(const string& path_file_name, string& str, unsigned int uint_max_byte = string::max_size());
 // The part after the last '/', else after the last '\', else the whole text.
 string get_file_name_from_path_file_name(const string& path_file_name);
 

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "foundation/quorla_hardened.h"
-#include "foundation/quorla_atomic.h"
 #include "foundation/quorla_pause.h"
 #include "foundation/quorla_stack_message.h"
 #include "startup/quorla_memory_settings.h"
@@ -14,8 +13,6 @@
 #include "os_memory/quorla_region_tag.h"
 
 namespace quorla {
-
-extern std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count;
 
 namespace {
 
@@ -60,8 +57,8 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
 }  // namespace
 
 void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
-  // The configuration gate (reading the settings is not part of this build yet).
-  atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u);
+  // The configuration gate: this is how the settings get read when a large request comes first.
+  memory_check_program_config();
   // Size 0 is served as one region: a block that free and the size query know.
   unsigned long aligned = size == 0 ? k_region_byte : round_up_region(size);
   unsigned char* block;

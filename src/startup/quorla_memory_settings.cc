@@ -20,6 +20,8 @@ bool g_bool_memory_enable_page_prefault = false;
 bool g_bool_memory_enable_thread_background_clear_cpu_cache = true;
 unsigned int g_uint_memory_max_wait_milliseconds_before_clear_cpu_cache = 200;
 
+std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count{0};
+
 bool g_bool_memory_use_thread = false;
 bool g_bool_memory_use_thread_background = false;
 bool g_bool_memory_need_enable_thread_background = false;

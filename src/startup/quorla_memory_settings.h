@@ -1,9 +1,29 @@
 // The allocator's tuning settings and run-time flags: plain globals with static initial
 // values, read directly and without locks by whichever layer needs them. A stale read only
 // delays a decision. The configuration file and mallopt write the same words later.
+//
+// The file is read once, by the first caller of memory_check_program_config() that moves
+// g_atomic_uint_memory_check_program_config_count from 0: the first 128-byte malloc, the
+// first malloc after a request to start the background thread, any large allocation, and
+// mallopt. This function is the one door by which the floors below start-up reach the
+// reader; the others go on at once with whatever the globals hold.
 #pragma once
 
+#include <atomic>
+
+#include "foundation/quorla_base.h"
+
 namespace quorla {
+
+// 0 at load; every trigger adds 1.
+extern std::atomic<unsigned int> g_atomic_uint_memory_check_program_config_count;
+// The gate: counts this trigger and, for the one caller that saw 0, reads the settings.
+// Does nothing while the allocator is not on (before start-up, after shut-down), since the
+// reader allocates through malloc: such a trigger leaves the gate to a later one.
+QUORLA_COLD void memory_check_program_config();
+// Registers the settings with g_program_config and reads the file (see
+// startup/quorla_memory_program_config.h). Called through the gate only.
+void memory_program_config_init();
 
 // Settings (key names of the configuration file in brackets).
 extern unsigned int g_uint_microseconds_memory_thread_background_sleep_default;        // [uint_microseconds_thread_background_sleep]

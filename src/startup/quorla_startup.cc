@@ -4,7 +4,8 @@
 //
 //   machine facts  ->  constant strings  ->  topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
 //   ->  g_memory_pool_size_128_base  ->  the eight page supplies  ->  the eight 128-byte pools
-//   ->  the thread registry (the main thread's heap)  ->  the large-allocation table
+//   ->  the thread registry (the main thread's heap)  ->  the crash-log names  ->  g_program_config
+//   ->  the large-allocation table
 //   ->  g_quorla_memory_malloc_guard (the magic: the real allocator is on)  ->  traits
 //
 // Each step uses only those before it. Until the guard, malloc is served by the before-init
@@ -14,6 +15,7 @@
 
 #include <thread>
 
+#include "diagnostics/quorla_error_message.h"
 #include "foundation/quorla_crc32c.h"
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_mutex.h"
@@ -28,6 +30,7 @@
 #include "os_memory/quorla_os_umap_ptr_size.h"
 #include "page_heap/quorla_pool_size_128_policy.h"
 #include "startup/quorla_before_init.h"
+#include "startup/quorla_program_config.h"
 #include "thread_heap/quorla_thread_registry.h"
 #include "topology/quorla_numa.h"
 
@@ -101,6 +104,8 @@ Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;
 string g_str_crash_log_path("/tmp");
 string g_str_crash_log_file("crash.log");
 string g_str_crash_path_file_name("crash.log");
+// The "=" form of lines; the file is read later, at the first trigger of the settings gate.
+Program_config g_program_config(true);
 Memory_os_umap_ptr_size g_memory_os_umap_ptr_size;
 
 // The switch. Its constructor turns the real allocator on and takes the first real block,

@@ -232,6 +232,12 @@ TEST_F(StringFunctionFile, RoundTripAcrossTheReadChunk) {
     ASSERT_TRUE(file_to_string(qpath("chunks"), text)) << size;
     EXPECT_TRUE(str(text) == content) << size;
     EXPECT_EQ(text.c_str()[text.size()], 0);
+    // A bound stops the read there, across a chunk or inside one; the rest stays unread.
+    for (unsigned int bound : {0u, 1u, 4095u, 5000u, size + 1}) {
+      ASSERT_TRUE(file_to_string(qpath("chunks"), text, bound)) << size << " " << bound;
+      EXPECT_TRUE(str(text) == content.substr(0, bound)) << size << " " << bound;
+      EXPECT_EQ(text.c_str()[text.size()], 0);
+    }
   }
 }
 

@@ -17,6 +17,7 @@
 #include <functional>
 #include <string>
 
+#include "config_probe_run.h"
 #include "quorlamalloc.h"
 
 namespace {
@@ -107,6 +108,18 @@ TEST(ErrnoContract, FreeAndSuccessfulCallsKeepErrno) {
     } else {
       EXPECT_EQ(err, "") << c.name;
     }
+  }
+}
+
+// The settings file is read inside the first 128-byte malloc: a missing file (open fails) and
+// a present one leave the caller's errno as it was. In a fresh process, so that this malloc is
+// the first.
+TEST(ErrnoContract, ReadingTheSettingsFileKeepsErrno) {
+  for (const char* conf : {"/nonexistent/quorla/libquorlamalloc.conf", QUORLA_EXAMPLE_CONF}) {
+    config_probe::Result result = config_probe::run({"errno128"}, conf);
+    ASSERT_TRUE(result.exited_cleanly()) << conf << ": " << result.str_stderr;
+    EXPECT_NE(result.at("gate_count"), 0u) << conf << ": the malloc passed the gate";
+    EXPECT_EQ(result.at("errno_after_128"), static_cast<unsigned long>(k_sentinel_errno)) << conf;
   }
 }
 
