@@ -3,7 +3,8 @@
 
 usage: bench-report.py RESULTS_DIR DOCS_DIR
 
-RESULTS_DIR holds runs.tsv (one line per run), machine.txt, the workloads' --help texts and the
+RESULTS_DIR holds runs.tsv (one line per run), counts.tsv (mmap and munmap calls of one untimed
+run per workload and allocator; optional), machine.txt, the workloads' --help texts and the
 microbenchmark's JSON files. Every number in the page is computed here from those files: medians
 over the repetitions, ratios to the best median of the row.
 """
@@ -31,6 +32,15 @@ def read_runs(path):
         return list(csv.DictReader(f, delimiter="\t"))
 
 
+def read_counts(path):
+    """counts[w][a] = (mmap calls, munmap calls); empty when the file is missing."""
+    counts = {}
+    if os.path.exists(path):
+        for r in read_runs(path):
+            counts.setdefault(r["workload"], {})[r["allocator"]] = (int(r["mmap"]), int(r["munmap"]))
+    return counts
+
+
 def fmt_ratio(value, best):
     return "%.2fx" % (value / best) if best > 0 else "n/a"
 
@@ -40,6 +50,7 @@ def main():
     os.makedirs(docs, exist_ok=True)
     info = read_machine(os.path.join(results, "machine.txt"))
     runs = read_runs(os.path.join(results, "runs.tsv"))
+    counts = read_counts(os.path.join(results, "counts.tsv"))
 
     workloads = []
     for r in runs:
@@ -49,6 +60,7 @@ def main():
 
     # median[w][a] = (seconds, rss_kb, run count, failures, min seconds, max seconds)
     median = {}
+    faults = {}  # faults[w][a] = median minor page faults, where GNU time gave them
     problems = []
     for w in timed:
         median[w] = {}
@@ -66,6 +78,9 @@ def main():
                 rss = [int(r["rss_kb"]) for r in good]
                 median[w][a] = (statistics.median(secs), statistics.median(rss), len(good), len(bad),
                                 min(secs), max(secs))
+                minor = [int(r["minor_faults"]) for r in good if r.get("minor_faults")]
+                if minor:
+                    faults.setdefault(w, {})[a] = statistics.median(minor)
         if len(checksums) > 1:
             problems.append("%s: checksums differ between allocators: %s" % (
                 w, "; ".join("%s by %s" % (c, ", ".join(sorted(s))) for c, s in checksums.items())))
@@ -141,7 +156,8 @@ unset multiplot
                "over the repetitions; ratios are to the best median of the row (1.00x = best). Runs were "
                "interleaved: for each repetition, for each workload, every allocator once, so a busy phase "
                "of the machine hits all allocators alike. Wall time and peak RSS (maximum resident set) "
-               "come from GNU time. glibc runs without preload; every other allocator is put in front of "
+               "and minor page faults come from GNU time; mmap and munmap calls from one more, untimed run "
+               "under `strace -c`. glibc runs without preload; every other allocator is put in front of "
                "libc with `LD_PRELOAD`, the same workload binaries for all.\n" % (info["reps"], info["date"]))
     out.append("## Machine\n")
     out.append("- CPU: %s, %s cores (shared with other jobs: load average %s at the start; expect noise "
@@ -195,15 +211,19 @@ unset multiplot
             continue
         best_t = min(v[0] for v in row.values())
         best_m = min(v[1] for v in row.values())
-        out.append("| allocator | wall s (median) | time ratio | min-max s | peak RSS MB (median) | RSS ratio | runs |")
-        out.append("|---|---|---|---|---|---|---|")
+        out.append("| allocator | wall s (median) | time ratio | min-max s | peak RSS MB (median) | RSS ratio | "
+                   "minor faults (median) | mmap / munmap calls | runs |")
+        out.append("|---|---|---|---|---|---|---|---|---|")
         for a in ALLOCATORS:
             if a not in row:
-                out.append("| %s | failed | | | | | 0 |" % a)
+                out.append("| %s | failed | | | | | | | 0 |" % a)
                 continue
             t, m, n, bad, lo, hi = row[a]
-            out.append("| %s | %.2f | %s | %.2f-%.2f | %.1f | %s | %d%s |" % (
-                a, t, fmt_ratio(t, best_t), lo, hi, m / 1024.0, fmt_ratio(m, best_m), n,
+            minor = faults.get(w, {}).get(a)
+            calls = counts.get(w, {}).get(a)
+            out.append("| %s | %.2f | %s | %.2f-%.2f | %.1f | %s | %s | %s | %d%s |" % (
+                a, t, fmt_ratio(t, best_t), lo, hi, m / 1024.0, fmt_ratio(m, best_m),
+                "%d" % minor if minor is not None else "", "%d / %d" % calls if calls else "", n,
                 (" (+%d failed)" % bad) if bad else ""))
         out.append("")
     if micro:

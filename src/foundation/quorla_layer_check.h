@@ -1,7 +1,7 @@
 // The layer check of the allocator's own memory: every policy call names the layer it
-// enters (0 the kernel, 1 the start-up heap, 2 the root pool, 4 the per-CPU page supply,
-// 5 the per-CPU pools; the entry points are 8), and a call may only go down. A call that
-// goes up could wait on itself the first time the layer below needs a record.
+// enters (0 the kernel, 1 the start-up heap, 2 the root pool, 3 the region cache, 4 the
+// per-CPU page supply, 5 the per-CPU pools; the entry points are 8), and a call may only go
+// down. A call that goes up could wait on itself the first time the layer below needs a record.
 //
 // Built in only where QUORLA_CHECK_LAYERS is 1 (the internals the unit tests link); the
 // shipped library compiles every scope to nothing. The depth is per thread, in static TLS,

@@ -5,12 +5,12 @@
 #include <cstring>
 
 #include "foundation/quorla_hardened.h"
-#include "foundation/quorla_pause.h"
 #include "foundation/quorla_stack_message.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
+#include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 
 namespace quorla {
 
@@ -63,13 +63,9 @@ void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
   unsigned long aligned = size == 0 ? k_region_byte : round_up_region(size);
   unsigned char* block;
   if (aligned == k_region_byte) {
-    // One region. The region cache does not exist yet, so it is mapped directly.
-    if (!g_bool_memory_use_thread_background &&
-        g_locking_sizet_os_malloc_all_size >= g_ulong_memory_size_use_thread_background_threshold &&
-        g_bool_memory_enable_thread_background) {
-      g_bool_memory_need_enable_thread_background = true;
-    }
-    block = k_hardened ? map_large(aligned) : static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
+    // One region: the region's own path, through the wait-release cache (whose miss the
+    // hardened build maps with a mapping that may fail).
+    block = memory_wait_release_malloc_region(k_hardened);
   } else {
     block = map_large(aligned);
   }
@@ -96,16 +92,8 @@ void Memory_os_umap_ptr_size::free_and_erase_from_umap(void* ptr) {
     return;
   }
   if (size == k_region_byte) {
-    // A waiting region again: tagged as a released region would be. With no region cache
-    // yet, it goes back to the kernel by its tag.
-    auto* tag = static_cast<Region_tag*>(ptr);
-    tag->uchar_page_type = page_type;
-    tag->ushort_numa_node = numa_node;
-    tag->uint_top_bit = 512;
-    unsigned long now = get_steady_nanosecond() / 1000000;
-    tag->ulong_millisecond_release = now;
-    g_timet_millisecond_now_steady = now;
-    os_free_map_size_2m(static_cast<unsigned char*>(ptr));
+    // A waiting region again, whichever way it was mapped: every page may be in CPU caches.
+    memory_wait_release_free_region(static_cast<unsigned char*>(ptr), page_type, numa_node, 512);
     return;
   }
   if (page_type > 1) {

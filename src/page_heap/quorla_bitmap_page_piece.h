@@ -10,16 +10,15 @@
 // page, which is why slot 0 is published (and fenced) before the rest is cleared.
 #pragma once
 
-#include <chrono>
 #include <cstring>
 
 #include "foundation/quorla_base.h"
 #include "foundation/quorla_bit_array.h"
 #include "foundation/quorla_pause.h"
-#include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
+#include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 #include "page_heap/quorla_piece_list.h"
 
 namespace quorla {
@@ -183,15 +182,8 @@ Bitmap_page_piece<Group, k_reset_head_page>::Bitmap_page_piece(unsigned int offs
 
 template <class Group, bool k_reset_head_page>
 void Bitmap_page_piece<Group, k_reset_head_page>::take_region() {
-  // The region cache does not exist yet, so every region comes from the mapping layer;
-  // the cache is to be asked first once it exists, and the test below is then its miss.
-  if (!g_bool_memory_use_thread_background &&
-      g_locking_sizet_os_malloc_all_size >= g_ulong_memory_size_use_thread_background_threshold &&
-      g_bool_memory_enable_thread_background) {
-    g_bool_memory_need_enable_thread_background = true;
-  }
-  // Never null: exhaustion is made fatal in the mapping layer.
-  unsigned char* region = static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
+  // The cache's first node, whatever node this thread runs on; on a miss, the mapping layer.
+  unsigned char* region = memory_wait_release_malloc_region();
 
   Region_tag* tag = region_tag_of(region);
   if (ptr_byte_block != nullptr) {
@@ -218,18 +210,8 @@ Bitmap_page_piece<Group, k_reset_head_page>::~Bitmap_page_piece() {
     store_fence();
     return;
   }
-  Region_tag* tag = region_tag_of(ptr_byte_block);
-  tag->uchar_page_type = uchar_page_type;
-  tag->ushort_numa_node = ushort_numa_node;
-  tag->uint_top_bit = uint_top_bit;
-  const unsigned long millisecond = static_cast<unsigned long>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(
-          std::chrono::steady_clock::now().time_since_epoch()).count()) / 1000000ul;
-  tag->ulong_millisecond_release = millisecond;
-  g_timet_millisecond_now_steady = static_cast<time_t>(millisecond);
-  // The region cache takes the region here once it exists; until then it goes straight
-  // back to the mapping layer, which reads the page type just written to byte 0.
-  os_free_map_size_2m(ptr_byte_block);
+  // Tagged and handed to the cache of the node that the tag names, never straight to munmap.
+  memory_wait_release_free_region(ptr_byte_block, uchar_page_type, ushort_numa_node, uint_top_bit);
   store_fence();
 }
 

@@ -3,7 +3,7 @@
 // the start-up order, and exit runs the destructors in reverse:
 //
 //   machine facts  ->  constant strings  ->  topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
-//   ->  g_memory_pool_size_128_base  ->  the eight page supplies  ->  the eight 128-byte pools
+//   ->  g_memory_pool_size_128_base  ->  the region cache  ->  the eight page supplies  ->  the eight 128-byte pools
 //   ->  the thread registry (the main thread's heap)  ->  the crash-log names  ->  g_program_config
 //   ->  the large-allocation table
 //   ->  g_quorla_memory_malloc_guard (the magic: the real allocator is on)  ->  traits
@@ -28,6 +28,7 @@
 #include "page_heap/quorla_bitmap_page_part_cpu.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 #include "page_heap/quorla_pool_size_128_policy.h"
 #include "startup/quorla_before_init.h"
 #include "startup/quorla_program_config.h"
@@ -98,6 +99,9 @@ struct Startup_crc {
 }  // namespace
 mutex g_mutex_mmap;
 Memory_pool_size_128_base g_memory_pool_size_128_base;
+// After the root pool, before the page supplies: their empty pieces hand regions back to it
+// until its destructor, which runs after theirs.
+Memory_wait_release_ptr_part_numa_node g_memory_wait_release_ptr_part_numa_node;
 std::array<Memory_page_part_cpu, 8> g_ar_memory_malloc_page_part_cpu;
 std::array<Memory_pool_size_128, 8> g_ar_memory_pool_size_128;
 Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;

@@ -20,6 +20,7 @@
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region_tag.h"
+#include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 
 namespace quorla {
 namespace {
@@ -38,7 +39,7 @@ void unmap_region(unsigned char* region, unsigned char page_type) {
 }
 
 // A piece with live pages abandons its region mapped, so the test unmaps it; an empty piece
-// gives its region back itself.
+// gives its region to the region cache itself.
 void destroy_piece(Memory_bitmap_page_piece* piece) {
   unsigned char* region = piece->ptr_byte_block;
   const unsigned char page_type = piece->uchar_page_type;
@@ -146,32 +147,68 @@ TEST_F(PagePieceTest, ReleasesThatEmptyThePieceResetTheHeadPageOnlyWhenLarge) {
   }
 }
 
+// Takes every region out of node 0's arrays for a test that needs the cache to miss, and
+// puts them back afterwards.
+struct Node_zero_emptied {
+  Node_zero_emptied() {
+    Struct_Memory_wait_release_ptr_node& node = g_memory_wait_release_ptr_part_numa_node.ptr_ar_node[0];
+    for (auto [count, array] : {std::pair{&node.atomic_page, &node.ar_atomic_page},
+                                std::pair{&node.atomic_hugepage2m, &node.ar_atomic_hugepage2m}}) {
+      while (unsigned long region = Struct_Memory_wait_release_ptr_node::malloc_from_ar_atomic(*count, *array)) {
+        regions.push_back(reinterpret_cast<unsigned char*>(region));
+      }
+    }
+  }
+  ~Node_zero_emptied() {
+    for (unsigned char* region : regions) EXPECT_TRUE(g_memory_wait_release_ptr_part_numa_node.ptr_ar_node[0].free(region));
+  }
+  std::vector<unsigned char*> regions;
+};
+
 // An empty piece writes the region tag (type, node, top bit, release time from the shared
-// clock) and gives the region back. A page type the mapping layer does not know (2) makes
-// the unmap a no-op, so the tag can be read back before the test unmaps the region.
-TEST(PagePieceRegionTest, EmptyPieceTagsAndGivesItsRegionBack) {
+// clock) and hands the region to the cache instead of unmapping it: the next piece takes the
+// same region from node 0 without a mapping. A page type the cache does not know (2) is
+// refused by the node and waits in the queue, which drops it; the test then unmaps it.
+TEST(PagePieceRegionTest, EmptyPieceTagsAndGivesItsRegionToTheCache) {
+  Memory_wait_release_ptr_part_numa_node& cache = g_memory_wait_release_ptr_part_numa_node;
+  Node_zero_emptied emptied;
   for (bool unknown_type : {false, true}) {
+    SCOPED_TRACE(unknown_type ? "unknown page type" : "ordinary");
     Piece_storage storage;
     const size_t mapped_before = g_locking_sizet_os_malloc_all_size;
     Memory_bitmap_page_piece* piece = make_piece(storage);
-    EXPECT_EQ(mapped_before + 2097152, g_locking_sizet_os_malloc_all_size);
+    EXPECT_EQ(mapped_before + 2097152, g_locking_sizet_os_malloc_all_size) << "node 0 was empty: a miss maps";
     unsigned char* region = piece->ptr_byte_block;
     const unsigned char page_type = piece->uchar_page_type;
     ASSERT_NE(nullptr, piece->malloc_bit_size(37));
     piece->free_with_bit_size(37, 1);
     if (unknown_type) piece->uchar_page_type = 2;
-    piece->ushort_numa_node = 0x1234;
     g_timet_millisecond_now_steady = 0;
+    const unsigned int queued_before = cache.uint_wait_free_queue_count;
     piece->~Memory_bitmap_page_piece();
+    EXPECT_EQ(mapped_before + 2097152, g_locking_sizet_os_malloc_all_size) << "the region stays mapped";
     EXPECT_GT(g_timet_millisecond_now_steady, 0) << "release time stored in the shared clock";
+    const Region_tag* tag = region_tag_of(region);
+    EXPECT_EQ(unknown_type ? 2u : page_type, tag->uchar_page_type);
+    EXPECT_EQ(0u, tag->ushort_numa_node) << "the piece's node replaces its address's bytes";
+    EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
+    EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+    EXPECT_EQ(queued_before + (unknown_type ? 1u : 0u), cache.uint_wait_free_queue_count);
     if (unknown_type) {
-      const Region_tag* tag = region_tag_of(region);
-      EXPECT_EQ(2u, tag->uchar_page_type);
-      EXPECT_EQ(0x1234u, tag->ushort_numa_node);
-      EXPECT_EQ(38u, tag->uint_top_bit) << "the high-water mark, kept after the release";
-      EXPECT_EQ(static_cast<unsigned long>(g_timet_millisecond_now_steady), tag->ulong_millisecond_release);
+      cache.store_wait_free_queue_to_node();
+      EXPECT_EQ(0u, cache.ptr_ar_node[0].vt_page.size() + cache.ptr_ar_node[0].vt_hugepage2m.size()) << "dropped";
       unmap_region(region, page_type);
+      EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
+      continue;
     }
+    Piece_storage next_storage;
+    Memory_bitmap_page_piece* next = make_piece(next_storage);
+    EXPECT_EQ(region, next->ptr_byte_block) << "the next piece reuses the cached region";
+    EXPECT_EQ(mapped_before + 2097152, g_locking_sizet_os_malloc_all_size);
+    EXPECT_EQ(next, reinterpret_cast<Memory_bitmap_page_piece*>(next->ar_ulong_page_slot()[0]));
+    next->~Memory_bitmap_page_piece();
+    ASSERT_EQ(region, cache.ptr_ar_node[0].malloc()) << "node 0 holds this one region again";
+    unmap_region(region, page_type);
     EXPECT_EQ(mapped_before, g_locking_sizet_os_malloc_all_size);
   }
 }
@@ -187,9 +224,12 @@ TEST(PagePieceBackgroundTest, RequestsTheThreadOnceEnoughIsMapped) {
              g_ulong_memory_size_use_thread_background_threshold, std::ignore) = c;
     g_bool_memory_need_enable_thread_background = false;
     Piece_storage storage;
-    destroy_piece(make_piece(storage));
-    EXPECT_EQ(std::get<3>(c), g_bool_memory_need_enable_thread_background)
-        << "running " << std::get<0>(c) << " enabled " << std::get<1>(c) << " threshold " << std::get<2>(c);
+    {
+      Node_zero_emptied emptied;  // only a miss of the cache asks for the thread
+      destroy_piece(make_piece(storage));
+      EXPECT_EQ(std::get<3>(c), g_bool_memory_need_enable_thread_background)
+          << "running " << std::get<0>(c) << " enabled " << std::get<1>(c) << " threshold " << std::get<2>(c);
+    }
   }
   std::tie(g_bool_memory_use_thread_background, g_bool_memory_enable_thread_background,
            g_bool_memory_need_enable_thread_background, g_ulong_memory_size_use_thread_background_threshold) = saved;

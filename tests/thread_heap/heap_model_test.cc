@@ -41,8 +41,20 @@ Memory_thread_local_data& main_heap() { return *g_ptr_memory_thread_local_data_m
 unsigned long* head_of(const void* ptr) { return reinterpret_cast<unsigned long*>(reinterpret_cast<uintptr_t>(ptr) & ~2097151ul); }
 unsigned long slot_of(const void* ptr) { return head_of(ptr)[(reinterpret_cast<uintptr_t>(ptr) & 2097151ul) >> 12]; }
 
+// Whether a page piece of the main heap still owns the region of ptr (slot 0 names it).
+bool region_owned_by_main_heap(const void* ptr) {
+  const unsigned long owner = head_of(ptr)[0];
+  for (const auto* vt : {&main_heap().page_group.vt_normal, &main_heap().page_group.vt_full}) {
+    for (unsigned int i = 0; i < vt->size(); ++i) {
+      if (reinterpret_cast<unsigned long>((*vt)[i].ptr_t) == owner) return true;
+    }
+  }
+  return false;
+}
+
 // Releases a live block picked at random. Its nibble (small blocks) or its page slot must
-// then be 0 -- unless the region itself went back to the kernel with it.
+// then be 0 -- unless the region itself went back with it (to the region cache, where the
+// head page is a tag and stale slots, or to the kernel).
 void release_random(std::map<uintptr_t, size_t>& live, std::mt19937_64& random) {
   auto victim = std::next(live.begin(), random() % live.size());
   void* ptr = reinterpret_cast<void*>(victim->first);
@@ -50,7 +62,7 @@ void release_random(std::map<uintptr_t, size_t>& live, std::mt19937_64& random) 
   live.erase(victim);
   quorla_free(ptr);
   unsigned char resident;
-  if (mincore(head_of(ptr), 4096, &resident) != 0) return;
+  if (mincore(head_of(ptr), 4096, &resident) != 0 || !region_owned_by_main_heap(ptr)) return;
   const unsigned long slot = slot_of(ptr);
   if (slot > 511) {
     EXPECT_EQ(reinterpret_cast<const Memory_bitmap_piece*>(slot)->get_bit_size_from_ptr(ptr), 0u);
