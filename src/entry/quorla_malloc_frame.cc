@@ -53,20 +53,73 @@ QUORLA_COLD void act_on_background_request() {
 // The first 128-byte request is the late moment at which the configuration is looked at,
 // unless something earlier caused it. The gate's counter moves before the reader runs, so
 // the reader's own allocations do not enter it again.
-QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) {
+QUORLA_COLD void* malloc_first_128_byte(Memory_thread_local_data* heap) noexcept {
   // Served one group up (144-byte blocks); every later 128-byte request uses its own group.
   g_uint_memory_malloc_128byte_count = 1;
   memory_check_program_config();
   return heap->ar_group[8].take_one_block();
 }
 
-QUORLA_COLD void free_foreign(Memory_bitmap_page_group* group, void* ptr) {
+QUORLA_COLD void free_foreign(Memory_bitmap_page_group* group, void* ptr) noexcept {
   Memory_mpsc_queue_wait_release* queue = group->ptr_mpsc_queue_wait_release;
   if (queue == nullptr) {
     group->init_ptr_mpsc_queue_wait_release();
     queue = group->ptr_mpsc_queue_wait_release;
   }
   queue->push_foreign(ptr);
+}
+
+// Route by size, from the heap found (the steps after the drain).
+QUORLA_INLINE void* route(Memory_thread_local_data* heap, size_t size) noexcept {
+  if (size <= k_group_8byte_limit_byte) return heap->group_8byte.take_one_block();
+  if (size <= k_arithmetic_route_limit_byte) {
+    if (QUORLA_UNLIKELY(size == k_config_trigger_byte) && g_uint_memory_malloc_128byte_count == 0) {
+      return malloc_first_128_byte(heap);
+    }
+    // ((size + 15) >> 4) - 1, computed as (size - 1) >> 4 (equal for every size from 1).
+    return heap->ar_group[(size - 1) >> 4].take_one_block();
+  }
+  if (size <= k_small_route_limit_byte) {
+    unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];
+    Memory_bitmap_group& group = heap->ar_group[entry & 15];
+    unsigned int bits = entry >> 4;
+    if (bits == 1) return group.take_one_block();
+    return group.malloc_bit_size(bits);
+  }
+  if (size <= k_page_byte) return heap->page_group.take_one_page();
+  if (size <= k_group_1024_limit_byte) {
+    unsigned int blocks = static_cast<unsigned int>((size + 1023) >> 10);
+    // An exact 8 KB run is left to the page tier while its neighbours stay in the group.
+    if (blocks != 8) return heap->ar_group[15].malloc_bit_size(blocks);
+  }
+  return heap->page_group.malloc_bit_size(page_count_of(size));
+}
+
+// The slow steps of malloc are out of line, each going on with the steps after it, so that
+// malloc reaches them by tail calls and saves no register on its common path. The order of
+// the steps is malloc's own.
+QUORLA_NOINLINE void* route_out_of_line(Memory_thread_local_data* heap, size_t size) noexcept { return route(heap, size); }
+
+QUORLA_COLD void* drain_and_route(Memory_thread_local_data* heap, size_t size) noexcept {
+  heap->page_group.ptr_mpsc_queue_wait_release->pop_batch();
+  return route_out_of_line(heap, size);
+}
+
+// From the heap found on: drain, then route.
+QUORLA_NOINLINE void* malloc_with_heap(Memory_thread_local_data* heap, size_t size) noexcept {
+  drain_foreign_frees(heap);
+  return route(heap, size);
+}
+
+// A thread not found in its home slot of the registry's map: the full lookup, which
+// registers the thread when it is not there.
+QUORLA_NOINLINE void* malloc_with_registry(unsigned long thread_id, size_t size) noexcept {
+  return malloc_with_heap(g_memory_thread_id_thread_local_data.find_or_insert(thread_id), size);
+}
+
+QUORLA_COLD void* malloc_after_background_request(size_t size) noexcept {
+  act_on_background_request();
+  return malloc_with_heap(heap_of_this_thread(), size);
 }
 
 }  // namespace
@@ -86,30 +139,18 @@ QUORLA_EXPORT void* quorla_malloc(size_t size) noexcept {
     load_fence();
     return quorla_malloc_before_init(static_cast<unsigned int>(size));
   }
-  if (QUORLA_UNLIKELY(g_bool_memory_need_enable_thread_background)) act_on_background_request();
-  Memory_thread_local_data* heap = heap_of_this_thread();
-  drain_foreign_frees(heap);
-  if (size <= k_group_8byte_limit_byte) return heap->group_8byte.take_one_block();
-  if (size <= k_arithmetic_route_limit_byte) {
-    if (QUORLA_UNLIKELY(size == k_config_trigger_byte) && g_uint_memory_malloc_128byte_count == 0) {
-      return malloc_first_128_byte(heap);
-    }
-    return heap->ar_group[((size + 15) >> 4) - 1].take_one_block();
+  if (QUORLA_UNLIKELY(g_bool_memory_need_enable_thread_background)) return malloc_after_background_request(size);
+  // The main thread's heap by one comparison; another thread's from its home slot of the
+  // registry's map, else by the full lookup.
+  Memory_thread_local_data* heap = g_ptr_memory_thread_local_data_main_thread;
+  unsigned long thread_id = thread_self();
+  if (QUORLA_UNLIKELY(thread_id != g_sizet_main_thread_id)) {
+    heap = g_memory_thread_id_thread_local_data.find_at_home(thread_id);
+    if (QUORLA_UNLIKELY(heap == nullptr)) return malloc_with_registry(thread_id, size);
   }
-  if (size <= k_small_route_limit_byte) {
-    unsigned int entry = ar_uchar_size_route[(size + 15) >> 4];
-    Memory_bitmap_group& group = heap->ar_group[entry & 15];
-    unsigned int bits = entry >> 4;
-    if (bits == 1) return group.take_one_block();
-    return group.malloc_bit_size(bits);
-  }
-  if (size <= k_page_byte) return heap->page_group.take_one_page();
-  if (size <= k_group_1024_limit_byte) {
-    unsigned int blocks = static_cast<unsigned int>((size + 1023) >> 10);
-    // An exact 8 KB run is left to the page tier while its neighbours stay in the group.
-    if (blocks != 8) return heap->ar_group[15].malloc_bit_size(blocks);
-  }
-  return heap->page_group.malloc_bit_size(page_count_of(size));
+  Memory_mpsc_queue_wait_release* queue = heap->page_group.ptr_mpsc_queue_wait_release;
+  if (QUORLA_UNLIKELY(queue != nullptr && queue->uint_need_pop != 0)) return drain_and_route(heap, size);
+  return route(heap, size);
 }
 
 QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
@@ -139,14 +180,8 @@ QUORLA_EXPORT void quorla_free(void* ptr) noexcept {
   unsigned int page = page_index_of_offset(offset);
   unsigned long slot = slots[page];
   Memory_bitmap_page_group* group = page_piece->ptr_page_group;
-  if (QUORLA_UNLIKELY(group->ulong_thread_id != thread_self())) {
-    free_foreign(group, ptr);
-    return;
-  }
-  if (QUORLA_LIKELY(slot > 511)) {
-    reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
-    return;
-  }
+  if (QUORLA_UNLIKELY(group->ulong_thread_id != thread_self())) return free_foreign(group, ptr);
+  if (QUORLA_LIKELY(slot > 511)) return reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
   if (slot == 0) return;
   Memory_bitmap_page_group::release_pages(page_piece, static_cast<unsigned int>(slot), page);
 }
@@ -157,10 +192,7 @@ QUORLA_EXPORT void quorla_free_local_thread(void* ptr) noexcept {
   unsigned long* slots = region_slots_of(ptr);
   unsigned int page = page_index_of(ptr);
   unsigned long slot = slots[page];
-  if (slot > 511) {
-    reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
-    return;
-  }
+  if (slot > 511) return reinterpret_cast<Memory_bitmap_piece*>(slot)->release_block(ptr);
   // Unlike free, a slot of 0 goes on to the run release, which finds nothing to release.
   Memory_bitmap_page_group::release_pages(reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]),
                                           static_cast<unsigned int>(slot), page);

@@ -10,6 +10,10 @@
 #include <cstdint>
 
 #define QUORLA_EXPORT __attribute__((visibility("default")))
+// On the declaration of a global that the hot paths read: the library's own, so the code
+// reaches it directly instead of through the global offset table. (-fvisibility=hidden
+// covers definitions only.)
+#define QUORLA_HIDDEN __attribute__((visibility("hidden")))
 #define QUORLA_INLINE inline __attribute__((always_inline))
 #define QUORLA_NOINLINE __attribute__((noinline))
 #define QUORLA_COLD __attribute__((noinline, cold))

@@ -31,7 +31,7 @@ void Memory_bitmap_page_group::init(unsigned long thread_id, Memory_pool_thread_
   append_vt_normal();
 }
 
-unsigned char* Memory_bitmap_page_group::malloc_bit_size(unsigned int bit_size) {
+unsigned char* Memory_bitmap_page_group::malloc_bit_size(unsigned int bit_size) noexcept {
   return piece_list::first_fit(*this, bit_size, [bit_size](Memory_bitmap_page_piece* piece) {
     return piece->malloc_bit_size(bit_size);
   });
@@ -44,6 +44,16 @@ unsigned char* Memory_bitmap_page_group::malloc_bit_size_align(unsigned int bit_
   return piece_list::first_fit(*this, bit_size, [bit_size, bit_align](Memory_bitmap_page_piece* piece) {
     return piece->malloc_bit_size_align(bit_size, bit_align);
   });
+}
+
+unsigned char* Memory_bitmap_page_group::take_one_page_slow() noexcept {
+  return piece_list::first_with_free(*this)->malloc_one_bit();
+}
+
+void Memory_bitmap_page_group::release_page_run(Memory_bitmap_page_piece* piece, unsigned int bit_size,
+                                                unsigned int bit) noexcept {
+  piece->free_with_bit_size(bit_size, bit);
+  piece_list::after_page_release(*piece->ptr_page_group, piece, 1);
 }
 
 void Memory_bitmap_page_group::append_vt_normal() {
@@ -59,15 +69,15 @@ void Memory_bitmap_page_group::move_normal_piece_to_vt_full(unsigned int offset)
   piece_list::move_normal_to_full(*this, offset);
 }
 
-void Memory_bitmap_page_group::move_full_piece_to_vt_normal(Memory_bitmap_page_piece* piece) {
+void Memory_bitmap_page_group::move_full_piece_to_vt_normal(Memory_bitmap_page_piece* piece) noexcept {
   piece_list::move_full_to_normal_huge_page_lead(*this, piece);
 }
 
-void Memory_bitmap_page_group::free_vt_full_empty(Memory_bitmap_page_piece* piece) {
+void Memory_bitmap_page_group::free_vt_full_empty(Memory_bitmap_page_piece* piece) noexcept {
   piece_list::remove_full(*this, piece);
 }
 
-void Memory_bitmap_page_group::free_vt_normal_empty_force(Memory_bitmap_page_piece* piece) {
+void Memory_bitmap_page_group::free_vt_normal_empty_force(Memory_bitmap_page_piece* piece) noexcept {
   piece_list::remove_normal(*this, piece);
 }
 

@@ -44,12 +44,17 @@ class Memory_bitmap_page_group {
   void init(unsigned long thread_id, Memory_pool_thread_heap* pool);
 
   // A run of bit_size pages (1 to 511); never null: a new region is taken when needed.
-  unsigned char* malloc_bit_size(unsigned int bit_size);
+  unsigned char* malloc_bit_size(unsigned int bit_size) noexcept;
   // The same with the first page at a multiple of bit_align pages in its region.
   unsigned char* malloc_bit_size_align(unsigned int bit_size, unsigned int bit_align);
 
   // One page: set aside the first piece while it is full, then take its lowest free page.
-  QUORLA_INLINE unsigned char* take_one_page() { return piece_list::first_with_free(*this)->malloc_one_bit(); }
+  // Setting aside goes out of line, with the take, by a tail call.
+  QUORLA_INLINE unsigned char* take_one_page() {
+    if (QUORLA_UNLIKELY(ptr_first_normal->uint_free_bit == 0)) return take_one_page_slow();
+    return ptr_first_normal->malloc_one_bit();
+  }
+  QUORLA_NOINLINE unsigned char* take_one_page_slow() noexcept;
 
   // page_count pages (0 counts as 1): the single-page take, or the run search.
   QUORLA_INLINE unsigned char* take_pages(unsigned int page_count) {
@@ -59,17 +64,20 @@ class Memory_bitmap_page_group {
   // The release of a page block of a page group's piece (bit_size from its slot), then that
   // group's rules: an empty region goes back unless it is the only searched piece, and a
   // piece above 63 free returns to vt_normal. The group is read from the piece after the
-  // release, which keeps free's path short.
+  // release, which keeps free's path short. A run's release is out of line, reached by a
+  // tail call, so that free saves no register for it.
   static QUORLA_INLINE void release_pages(Memory_bitmap_page_piece* piece, unsigned int bit_size, unsigned int bit) {
-    piece->free_pages(bit_size, bit);
+    if (bit_size != 1) return release_page_run(piece, bit_size, bit);
+    piece->free_one_bit(bit);
     piece_list::after_page_release(*piece->ptr_page_group, piece, 1);
   }
+  static QUORLA_NOINLINE void release_page_run(Memory_bitmap_page_piece* piece, unsigned int bit_size, unsigned int bit) noexcept;
 
   void append_vt_normal();
   void move_normal_piece_to_vt_full(unsigned int offset);
-  void move_full_piece_to_vt_normal(Memory_bitmap_page_piece* piece);
-  void free_vt_full_empty(Memory_bitmap_page_piece* piece);
-  void free_vt_normal_empty_force(Memory_bitmap_page_piece* piece);
+  void move_full_piece_to_vt_normal(Memory_bitmap_page_piece* piece) noexcept;
+  void free_vt_full_empty(Memory_bitmap_page_piece* piece) noexcept;
+  void free_vt_normal_empty_force(Memory_bitmap_page_piece* piece) noexcept;
 
   void trim();
   void init_ptr_mpsc_queue_wait_release();

@@ -35,13 +35,7 @@ void ensure_first_piece(Memory_page_part_cpu& entry, unsigned int index) {
 template <class A, class B>
 unsigned char* Memory_bitmap_page_part_cpu<A, B>::malloc_pages(unsigned long size) {
   mutex_group.lock();
-  if (uint_wait_release_count != 0) {
-    // Zeroed before the drain: a push that raced in before is found by this drain, one that
-    // comes after raises the count again for the next allocation.
-    uint_wait_release_count = 0;
-    full_fence();
-    release_wait_release();
-  }
+  part_cpu_release::apply_waiting(*this);
   unsigned char* block;
   if (size <= k_page_byte) {
     block = piece_list::first_with_free(*this)->malloc_one_bit();
@@ -64,30 +58,12 @@ void Memory_bitmap_page_part_cpu<A, B>::apply_release(void* ptr) {
 
 template <class A, class B>
 void Memory_bitmap_page_part_cpu<A, B>::release_wait_release() {
-  for (;;) {
-    unsigned long value = 0;
-    if (!queue_wait_release.queue.pop_t(value)) {
-      if (queue_wait_release.vt_overflow.size() == 0) return;
-      queue_wait_release.mutex_vt.lock();
-      unsigned int count = queue_wait_release.vt_overflow.size();
-      if (count != 0) {
-        value = reinterpret_cast<unsigned long>(queue_wait_release.vt_overflow[count - 1]);
-        queue_wait_release.vt_overflow.resize(count - 1);
-      }
-      queue_wait_release.mutex_vt.unlock();
-      if (count == 0) return;
-    }
-    if (value == 0) return;
-    apply_release(reinterpret_cast<void*>(value));
-  }
+  part_cpu_release::drain(*this, [this](void* ptr) { apply_release(ptr); });
 }
 
 template <class A, class B>
 void Memory_bitmap_page_part_cpu<A, B>::push_foreign_release(void* ptr) {
-  mutex_wait_release.lock();
-  queue_wait_release.push(static_cast<unsigned char*>(ptr));
-  uint_wait_release_count += 1;
-  mutex_wait_release.unlock();
+  part_cpu_release::push(*this, ptr);
 }
 
 template class Memory_bitmap_page_part_cpu<Memory_allocator_pool_size_128_base, Memory_allocator_os_mmap_page>;

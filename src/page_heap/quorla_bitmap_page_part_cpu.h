@@ -21,6 +21,7 @@
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
+#include "page_heap/quorla_part_cpu_release.h"
 #include "page_heap/quorla_piece_list.h"
 #include "startup/quorla_memory_settings.h"
 

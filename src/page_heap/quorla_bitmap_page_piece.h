@@ -126,6 +126,12 @@ class Bitmap_page_piece {
     if (uint_free_bit < uint_max_free_bit) uint_max_free_bit = uint_free_bit;
   }
   unsigned char* malloc_bit_size_below_64(unsigned int bit_size);
+  // The search of malloc_bit_size_below_64 from word on, when the cursor did not serve.
+  QUORLA_NOINLINE unsigned char* search_below_64(unsigned int bit_size, unsigned int word, bool advance);
+  // The out-of-line parts of free_with_bit_size: a run that spans words, and the release
+  // that empties the region.
+  QUORLA_NOINLINE void clear_run_across_words(unsigned int bit_size, unsigned int bit_offset);
+  QUORLA_NOINLINE void reset_empty();
   unsigned char* malloc_bit_size_from_64(unsigned int bit_size);
   void take_region();
 };
@@ -252,7 +258,14 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_belo
     advance = offset >= 58;
     ++word;
   }
+  // The search is out of line, so that a take at the cursor saves no register.
+  return search_below_64(bit_size, word, advance);
+}
 
+template <class Group, bool k_reset_head_page>
+unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::search_below_64(unsigned int bit_size, unsigned int word,
+                                                                           bool advance) {
+  const unsigned long long mask = ar_ulong_mask[bit_size];
   for (; word < 8; ++word) {
     unsigned long long scratch = ptr_ulong[word];
     if (scratch == k_ulong_all_ones) continue;
@@ -375,22 +388,8 @@ unsigned char* Bitmap_page_piece<Group, k_reset_head_page>::malloc_bit_size_alig
 template <class Group, bool k_reset_head_page>
 void Bitmap_page_piece<Group, k_reset_head_page>::free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {
   const unsigned int free_after = uint_free_bit + bit_size;
-  if (bit_size >= 256 && free_after == 511) {
-    // The region has just become empty: reset bitmap and head page in one stroke. The
-    // high-water mark uint_top_bit is kept for the region's later return.
-    uint_free_bit = 511;
-    uint_max_free_bit = 511;
-    uint_first_free_bit = 1;
-    uint_next_free_bit = 1;
-    ptr_ulong[0] = 1;
-    for (unsigned int i = 1; i < 8; ++i) ptr_ulong[i] = 0;
-    if (k_reset_head_page) {
-      unsigned long* slot = ar_ulong_page_slot();
-      memset(slot, 0, k_page_byte);
-      slot[0] = reinterpret_cast<unsigned long>(this);
-    }
-    return;
-  }
+  // The region has just become empty: reset bitmap and head page in one stroke.
+  if (bit_size >= 256 && free_after == 511) return reset_empty();
   // Any release lifts the bound to the number of free pages, however scattered.
   uint_free_bit = free_after;
   uint_max_free_bit = free_after;
@@ -399,14 +398,34 @@ void Bitmap_page_piece<Group, k_reset_head_page>::free_with_bit_size(unsigned in
 
   const unsigned int offset = bit_offset & 63;
   const unsigned int word = bit_offset >> 6;
-  if (bit_size < 64 && offset + bit_size <= 64) {
-    ptr_ulong[word] &= ~(ar_ulong_mask[bit_size] << offset);
-  } else {
-    unsigned long long masks[9];
-    const unsigned int count = make_ulongs_compare(offset, bit_size, masks);
-    set_ulongs_and_equal_compare_complement(ptr_ulong + word, masks, count);
-  }
+  // A run across words is cleared out of line, so that the common release saves no register.
+  if (bit_size >= 64 || offset + bit_size > 64) return clear_run_across_words(bit_size, bit_offset);
+  ptr_ulong[word] &= ~(ar_ulong_mask[bit_size] << offset);
   ar_ulong_page_slot()[bit_offset] = 0;
+}
+
+template <class Group, bool k_reset_head_page>
+void Bitmap_page_piece<Group, k_reset_head_page>::clear_run_across_words(unsigned int bit_size, unsigned int bit_offset) {
+  unsigned long long masks[9];
+  const unsigned int count = make_ulongs_compare(bit_offset & 63, bit_size, masks);
+  set_ulongs_and_equal_compare_complement(ptr_ulong + (bit_offset >> 6), masks, count);
+  ar_ulong_page_slot()[bit_offset] = 0;
+}
+
+// The high-water mark uint_top_bit is kept for the region's later return.
+template <class Group, bool k_reset_head_page>
+void Bitmap_page_piece<Group, k_reset_head_page>::reset_empty() {
+  uint_free_bit = 511;
+  uint_max_free_bit = 511;
+  uint_first_free_bit = 1;
+  uint_next_free_bit = 1;
+  ptr_ulong[0] = 1;
+  for (unsigned int i = 1; i < 8; ++i) ptr_ulong[i] = 0;
+  if (k_reset_head_page) {
+    unsigned long* slot = ar_ulong_page_slot();
+    memset(slot, 0, k_page_byte);
+    slot[0] = reinterpret_cast<unsigned long>(this);
+  }
 }
 
 

@@ -9,6 +9,7 @@
 #include "foundation/quorla_mutex.h"
 #include "os_memory/quorla_wait_release_queue_allocator.h"
 #include "page_heap/quorla_memory_pool.h"
+#include "page_heap/quorla_part_cpu_release.h"
 
 namespace quorla {
 
@@ -18,25 +19,11 @@ class Memory_pool_part_cpu : public Memory_pool_without_lock<A, B> {
   using Pool = Memory_pool_without_lock<A, B>;
 
   // A release from any thread: queued, counted, applied by the next allocation here.
-  void push_foreign_release(void* ptr) {
-    mutex_wait_release.lock();
-    queue_wait_release.push(static_cast<unsigned char*>(ptr));
-    uint_wait_release_count += 1;
-    mutex_wait_release.unlock();
-  }
+  void push_foreign_release(void* ptr) { part_cpu_release::push(*this, ptr); }
 
   // Applies every queued release; the caller holds mutex_pool.
   void release_wait_release() {
-    for (;;) {
-      unsigned long value = 0;
-      if (!queue_wait_release.queue.pop_t(value)) {
-        if (queue_wait_release.vt_overflow.size() == 0) return;
-        value = queue_wait_release.take_from_overflow();
-        if (value == 0) return;
-      }
-      if (value == 0) return;
-      Pool::free(reinterpret_cast<void*>(value));
-    }
+    part_cpu_release::drain(*this, [](void* ptr) { Pool::free(ptr); });
   }
 
   unsigned int uint_wait_release_count;

@@ -18,11 +18,7 @@ void* Malloc_pool_size_128::operator()(unsigned long&) const {
     pool.mutex_pool.unlock();
   }
   pool.mutex_pool.lock();
-  if (pool.uint_wait_release_count != 0) {
-    pool.uint_wait_release_count = 0;
-    full_fence();
-    pool.release_wait_release();
-  }
+  part_cpu_release::apply_waiting(pool);
   void* block = pool.pool_malloc();
   pool.mutex_pool.unlock();
   return block;

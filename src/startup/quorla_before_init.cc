@@ -129,8 +129,8 @@ void* Memory_before_init_data::realloc(void* ptr, unsigned int size) {
   return block;
 }
 
-void* quorla_malloc_before_init(unsigned int size) { return g_memory_first_init_data.malloc(size); }
-void quorla_free_before_init(void* ptr) { g_memory_first_init_data.free(ptr); }
+void* quorla_malloc_before_init(unsigned int size) noexcept { return g_memory_first_init_data.malloc(size); }
+void quorla_free_before_init(void* ptr) noexcept { g_memory_first_init_data.free(ptr); }
 void* quorla_malloc_before_init_align(unsigned long alignment, unsigned long size) {
   return g_memory_first_init_data.malloc_align(alignment, size);
 }

@@ -21,7 +21,7 @@ constexpr unsigned int k_before_init_byte = 393216;
 constexpr unsigned int k_before_init_tag = 0x89ABCDEF;
 
 // Zero at load; 710701633 exactly while the real tiers serve.
-extern unsigned int g_uint_memory_magic_flag_malloc_can_use;
+extern QUORLA_HIDDEN unsigned int g_uint_memory_magic_flag_malloc_can_use;
 
 struct Struct_before_init_header {
   unsigned char* ptr_self;
@@ -64,10 +64,10 @@ class Memory_before_init_data {
   unsigned int uint_magic;
 };
 
-extern Memory_before_init_data g_memory_first_init_data;
+extern QUORLA_HIDDEN Memory_before_init_data g_memory_first_init_data;
 
-void* quorla_malloc_before_init(unsigned int size);
-void quorla_free_before_init(void* ptr);
+void* quorla_malloc_before_init(unsigned int size) noexcept;
+void quorla_free_before_init(void* ptr) noexcept;
 void* quorla_malloc_before_init_align(unsigned long alignment, unsigned long size);
 unsigned int quorla_get_malloc_size_before_init(void* ptr);
 void* quorla_realloc_before_init(void* ptr, unsigned int size);

@@ -46,7 +46,7 @@ extern unsigned int g_uint_memory_max_wait_milliseconds_before_clear_cpu_cache; 
 // Run-time flags.
 extern bool g_bool_memory_use_thread;                        // a thread beyond the main one has a heap
 extern bool g_bool_memory_use_thread_background;             // the background thread has been started
-extern bool g_bool_memory_need_enable_thread_background;     // the next malloc is to start it
+extern QUORLA_HIDDEN bool g_bool_memory_need_enable_thread_background;     // the next malloc is to start it
 extern unsigned int g_uint_microseconds_memory_thread_background_sleep_run;
 extern bool g_bool_exit;                                     // library tear-down has begun
 extern bool g_bool_memory_trim_in_run;

@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "os_memory/quorla_region.h"
+
 namespace quorla {
 
 Memory_bitmap_group::Memory_bitmap_group() : vt_normal(), vt_full() {}
@@ -13,7 +15,7 @@ void Memory_bitmap_group::init(unsigned char block_type, unsigned int piece_byte
   ptr_page_group = page_group;
   ptr_pool = pool;
   uint_bit_ref_byte = piece_byte >> 9;
-  uint_page_bit_size = piece_byte >> 12;
+  uint_page_bit_size = piece_byte >> k_page_shift;
   uchar_bit_ref_shift = 0;
   unsigned int shift = 0;
   for (unsigned int value = 1; value < uint_bit_ref_byte; value <<= 1) ++shift;
@@ -25,6 +27,8 @@ void Memory_bitmap_group::init(unsigned char block_type, unsigned int piece_byte
   Memory_bitmap_piece::free_block_with_ptr(piece->ptr_block, piece->uint_page_bit_size, piece->uint_page_bit_offset);
   piece->ptr_block = nullptr;
 }
+
+void* Memory_bitmap_group::take_one_block_slow() noexcept { return piece_list::first_with_free(*this)->take_one_block(); }
 
 void Memory_bitmap_group::append_vt_normal() {
   unsigned int count = vt_normal.size();
@@ -39,7 +43,7 @@ void Memory_bitmap_group::move_normal_piece_to_vt_full(unsigned int offset) {
 }
 
 // ptr_piece_first is never touched: the piece goes to the end of a list that is not empty.
-void Memory_bitmap_group::move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) {
+void Memory_bitmap_group::move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) noexcept {
   piece_list::move_full_to_normal(*this, piece);
 }
 
@@ -63,7 +67,7 @@ void* Memory_bitmap_group::take_run(Memory_bitmap_piece* piece, unsigned int fir
 // Both run searches are first fits over the pieces (the shared rule sets a piece aside when
 // a search failed on it or skipped it with fewer than 64 free); a piece that gave its
 // memory back takes a new backing block when a search comes to it.
-void* Memory_bitmap_group::malloc_bit_size(unsigned int bit_size) {
+void* Memory_bitmap_group::malloc_bit_size(unsigned int bit_size) noexcept {
   const unsigned long mask = ar_ulong_mask[bit_size];
   return piece_list::first_fit(*this, bit_size, [this, bit_size, mask](Memory_bitmap_piece* piece) -> void* {
     if (piece->ptr_block == nullptr) piece->malloc_block();

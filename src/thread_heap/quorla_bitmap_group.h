@@ -30,17 +30,19 @@ class Memory_bitmap_group {
   void init(unsigned char block_type, unsigned int piece_byte, Memory_bitmap_page_group* page_group,
             Memory_pool_thread_heap* pool);
 
-  // One block (Take one block): the first piece with a free block serves it.
+  // One block (Take one block): the first piece with a free block serves it. When the
+  // first piece is full or holds no memory, the whole take goes out of line by a tail call.
   QUORLA_INLINE void* take_one_block();
+  QUORLA_NOINLINE void* take_one_block_slow() noexcept;
 
   // A run of bit_size blocks (2 to 15), first fit over the pieces in list order.
-  void* malloc_bit_size(unsigned int bit_size);
+  void* malloc_bit_size(unsigned int bit_size) noexcept;
   // The same with the run's byte offset in its backing block a multiple of alignment.
   void* malloc_bit_size_alignment(unsigned int bit_size, unsigned int alignment);
 
   void append_vt_normal();
   void move_normal_piece_to_vt_full(unsigned int offset);
-  void move_full_piece_to_vt_normal(Memory_bitmap_piece* piece);
+  void move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) noexcept;
   void free_vt_normal_empty_force(Memory_bitmap_piece* piece);
   void trim();
 
@@ -68,7 +70,9 @@ struct piece_list::First_normal<Memory_bitmap_group> {
 };
 
 QUORLA_INLINE void* Memory_bitmap_group::take_one_block() {
-  return piece_list::first_with_free(*this)->take_one_block();
+  Memory_bitmap_piece* piece = ptr_piece_first;
+  if (QUORLA_UNLIKELY(piece->uint_free_bit == 0 || piece->ptr_block == nullptr)) return take_one_block_slow();
+  return piece->take_one_block_backed();
 }
 
 QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
@@ -77,30 +81,27 @@ QUORLA_INLINE void Memory_bitmap_piece::release_block(const void* ptr) {
   // Odd blocks keep their length in the high nibble; shifts instead of a branch on the
   // parity, which is random in a random release order.
   const unsigned int shift = (block & 1) << 2;
-  const unsigned int bits = (pair >> shift) & 15;
-  pair &= static_cast<unsigned char>(0xF0 >> shift);
+  const unsigned int pair_value = pair;
+  const unsigned int bits = (pair_value >> shift) & 15;
+  pair = static_cast<unsigned char>(pair_value & (0xF0u >> shift));
+  unsigned int free_bit = uint_free_bit;
   if (QUORLA_LIKELY(bits == 1)) {
-    unsigned int free_bit = ++uint_free_bit;
-    uint_max_free_bit = free_bit;
+    free_bit += 1;
+    uint_free_bit = free_bit;
     // Kept as branches: a conditional move here would chain each release's store to the
     // next take's load of the same hint, which costs a malloc/free pair more than the
     // mispredictions it saves under random release orders.
     if (uint_first_free_bit > block) uint_first_free_bit = block;
     if (uint_next_free_bit > block) uint_next_free_bit = block;
-    ptr_ulong[block >> 6] &= ~ar_ulong_bit[block & 63];
+    ptr_ulong[block >> 6] &= ~(1ul << (block & 63));
+    uint_max_free_bit = free_bit;
   } else if (bits != 0) {
-    inner_free_with_bit_size(bits, block);
+    return release_run(bits, block);
   }
-  unsigned int free_bit = uint_free_bit;
+  // The group's rules, tested here; only what they do is out of line.
   if (QUORLA_LIKELY(free_bit <= 63)) return;
-  if (free_bit == 512) {
-    Memory_bitmap_group* group = ptr_group;
-    free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
-    ptr_block = nullptr;
-    if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
-    return;
-  }
-  if (uint_offset_normal == piece_list::k_not_listed) ptr_group->move_full_piece_to_vt_normal(this);
+  if (QUORLA_UNLIKELY(free_bit == 512)) return release_backing_block();
+  if (QUORLA_UNLIKELY(uint_offset_normal == piece_list::k_not_listed)) return ptr_group->move_full_piece_to_vt_normal(this);
 }
 
 }  // namespace quorla

@@ -49,8 +49,7 @@ void Memory_bitmap_piece::malloc_block() {
   ptr_block = address;
   uint_page_bit_offset = page;
   // Every page of the backing block points at this piece: a slot above 511 is a piece.
-  unsigned long* slots = region_slots_of(address);
-  for (unsigned int i = 0; i < page_count; ++i) slots[page + i] = reinterpret_cast<unsigned long>(this);
+  fill_page_slots(region_slots_of(address) + page, page_count, reinterpret_cast<unsigned long>(this));
 }
 
 void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int page_bit_size,
@@ -58,8 +57,26 @@ void Memory_bitmap_piece::free_block_with_ptr(unsigned char* ptr, unsigned int p
   unsigned long* slots = region_slots_of(ptr);
   auto* page_piece = reinterpret_cast<Memory_bitmap_page_piece*>(slots[0]);
   // Wipe the piece addresses, so that a later free of a stale pointer sees a slot of 0.
-  for (unsigned int i = 0; i < page_bit_size; ++i) slots[page_bit_offset + i] = 0;
+  fill_page_slots(slots + page_bit_offset, page_bit_size, 0);
   Memory_bitmap_page_group::release_pages(page_piece, page_bit_size, page_bit_offset);
+}
+
+void Memory_bitmap_piece::release_run(unsigned int bit_size, unsigned int block) noexcept {
+  inner_free_with_bit_size(bit_size, block);
+  if (uint_free_bit <= 63) return;
+  after_release();
+}
+
+void Memory_bitmap_piece::after_release() noexcept {
+  if (uint_free_bit == 512) return release_backing_block();
+  if (uint_offset_normal == piece_list::k_not_listed) ptr_group->move_full_piece_to_vt_normal(this);
+}
+
+void Memory_bitmap_piece::release_backing_block() noexcept {
+  Memory_bitmap_group* group = ptr_group;
+  free_block_with_ptr(ptr_block, uint_page_bit_size, uint_page_bit_offset);
+  ptr_block = nullptr;
+  if (group->vt_normal.size() > 1) group->free_vt_normal_empty_force(this);
 }
 
 void Memory_bitmap_piece::inner_free_with_bit_size(unsigned int bit_size, unsigned int bit_offset) {

@@ -49,6 +49,16 @@ Memory_thread_local_data* Memory_thread_id_thread_local_data::get_memory_thread_
   return get_memory_thread_local_data(thread_self());
 }
 
+Memory_thread_local_data* Memory_thread_id_thread_local_data::find_or_insert(unsigned long thread_id) noexcept {
+  Memory_thread_map* map = ptr_map_current;
+  unsigned int offset = map->find_with_hash(thread_id, static_cast<unsigned int>(Hash_thread_id()(thread_id)));
+  if (offset != 0xFFFFFFFF) {
+    Memory_thread_local_data* heap = map->slot(offset).value;
+    if (heap->page_group.ulong_thread_id == thread_id) return heap;
+  }
+  return insert_one(thread_id);
+}
+
 void Memory_thread_id_thread_local_data::rotate_map() {
   Memory_thread_map* old_map = ptr_map_current;
   uint_map_index = (uint_map_index + 1) & 7;

@@ -34,16 +34,24 @@ class Memory_thread_id_thread_local_data {
   Memory_thread_id_thread_local_data(const Memory_thread_id_thread_local_data&) = delete;
   Memory_thread_id_thread_local_data& operator=(const Memory_thread_id_thread_local_data&) = delete;
 
-  // Lock-free lookup; falls through to insert_one. Writes nothing on the found path.
+  // Lock-free lookup; falls through to insert_one. Writes nothing on the found path. A
+  // thread nearly always stands in its home slot, which is tried first with the map's own
+  // test; any other case takes the full lookup.
   QUORLA_INLINE Memory_thread_local_data* get_memory_thread_local_data(unsigned long thread_id) {
-    Memory_thread_map* map = ptr_map_current;
-    unsigned int offset = map->find_with_hash(thread_id, static_cast<unsigned int>(Hash_thread_id()(thread_id)));
-    if (QUORLA_LIKELY(offset != 0xFFFFFFFF)) {
-      Memory_thread_local_data* heap = map->slot(offset).value;
-      if (QUORLA_LIKELY(heap->page_group.ulong_thread_id == thread_id)) return heap;
-    }
-    return insert_one(thread_id);
+    Memory_thread_local_data* heap = find_at_home(thread_id);
+    if (QUORLA_LIKELY(heap != nullptr)) return heap;
+    return find_or_insert(thread_id);
   }
+  // The heap of a thread found in its home slot of the published map and owned by it, or
+  // null.
+  QUORLA_INLINE Memory_thread_local_data* find_at_home(unsigned long thread_id) const {
+    const auto* wrap = ptr_map_current->find_at_home(thread_id, static_cast<unsigned int>(Hash_thread_id()(thread_id)));
+    if (QUORLA_UNLIKELY(wrap == nullptr)) return nullptr;
+    Memory_thread_local_data* heap = wrap->value;
+    return QUORLA_LIKELY(heap->page_group.ulong_thread_id == thread_id) ? heap : nullptr;
+  }
+  // The full lookup: the published map, then insert_one.
+  Memory_thread_local_data* find_or_insert(unsigned long thread_id) noexcept;
   Memory_thread_local_data* get_memory_thread_local_data();
   Memory_thread_local_data* insert_one(unsigned long thread_id);
   // On the dying thread: gives back its producer slots, trims its heap, and keeps the heap
@@ -66,9 +74,9 @@ class Memory_thread_id_thread_local_data {
   void destroy_heap(Memory_thread_local_data* heap);
 };
 
-extern Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;
-extern Memory_thread_local_data* g_ptr_memory_thread_local_data_main_thread;
-extern unsigned long g_sizet_main_thread_id;
+extern QUORLA_HIDDEN Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;
+extern QUORLA_HIDDEN Memory_thread_local_data* g_ptr_memory_thread_local_data_main_thread;
+extern QUORLA_HIDDEN unsigned long g_sizet_main_thread_id;
 extern pthread_key_t g_memory_pthread_key_thread_id;
 
 QUORLA_INLINE Memory_thread_local_data* get_memory_thread_local_data(unsigned long thread_id) {

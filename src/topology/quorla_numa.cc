@@ -31,6 +31,16 @@ QUORLA_INLINE void build_node_path(Node_path& path, const char* root, unsigned i
   path.text(root).text("/node").dec(node).text(suffix);
 }
 
+// A node's small file (a count and a line end) into buffer, terminated; its length.
+unsigned long read_small_node_file(const char* root, unsigned int node, const char* suffix,
+                                   char (&buffer)[k_uint_small_file_buffer + 1]) {
+  Node_path path;
+  build_node_path(path, root, node, suffix);
+  memset(buffer, 0, sizeof(buffer));
+  file_to_chars(path.c_str(), k_uint_small_file_buffer, buffer);
+  return strlen(buffer);
+}
+
 }  // namespace
 
 void set_ar_numa_node_offset_cpu_from_hex_txt(unsigned int uint_node, char* ptr_char_text) {
@@ -44,33 +54,28 @@ void set_ar_numa_node_offset_cpu_from_hex_txt(unsigned int uint_node, char* ptr_
     for (unsigned int j = 0; j < 64; ++j) {
       if ((ulong_bits & (1UL << j)) == 0) continue;
       unsigned long ulong_cpu = i * 64 + j;
-      // CPUs beyond the table cannot exist here (the scan stops the process above 136).
+      // Indices past the table do arise: the chunks do not follow the kernel's comma groups,
+      // so the last chunk of a real 136-CPU mask sets bits beyond 135. They are dropped here.
       if (ulong_cpu < k_max_cpu_count) g_ar_uchar_numa_node_offset_cpu[ulong_cpu] = static_cast<unsigned char>(uint_node);
     }
   }
 }
 
 unsigned long get_numa_node_free_page_count_in(const char* ptr_char_root, unsigned int uint_node) {
-  Node_path path;
-  build_node_path(path, ptr_char_root, uint_node, "/vmstat");
   char buffer[k_uint_small_file_buffer + 1];
-  memset(buffer, 0, sizeof(buffer));
-  file_to_chars(path.c_str(), k_uint_small_file_buffer, buffer);
   // The text begins "nr_free_pages " and the value follows at index 14.
-  unsigned long ulong_length = strlen(buffer);
+  unsigned long ulong_length = read_small_node_file(ptr_char_root, uint_node, "/vmstat", buffer);
   if (ulong_length < 15) return 0;
   bool overflow = false;
   return chars_to_ulong(buffer + 14, ulong_length - 14, overflow);
 }
 
 unsigned long get_numa_node_free_hugepage2m_count_in(const char* ptr_char_root, unsigned int uint_node) {
-  Node_path path;
-  build_node_path(path, ptr_char_root, uint_node, "/hugepages/hugepages-2048kB/free_hugepages");
   char buffer[k_uint_small_file_buffer + 1];
-  memset(buffer, 0, sizeof(buffer));
-  file_to_chars(path.c_str(), k_uint_small_file_buffer, buffer);
+  unsigned long ulong_length =
+      read_small_node_file(ptr_char_root, uint_node, "/hugepages/hugepages-2048kB/free_hugepages", buffer);
   bool overflow = false;
-  return chars_to_ulong(buffer, strlen(buffer), overflow);
+  return chars_to_ulong(buffer, ulong_length, overflow);
 }
 
 unsigned int get_numa_node_has_free_memory_in(const char* ptr_char_root, unsigned int uint_node,

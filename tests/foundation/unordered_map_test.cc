@@ -240,6 +240,15 @@ void run_against_model(unsigned int seed, unsigned long key_range, Value_of valu
     auto found = map.find(key);
     auto expected = model.find(key);
     ASSERT_EQ(found != map.end(), expected != model.end()) << "step " << step << " key " << key;
+    // The home-slot shortcut agrees with the full lookup: it finds exactly the keys that
+    // stand in their own home slot.
+    const unsigned int hash = static_cast<unsigned int>(H()(key));
+    const auto* at_home = map.find_at_home(key, hash);
+    const bool stands_at_home = found != map.end() && found.uint_offset == (hash & map.d_uint_mask);
+    ASSERT_EQ(at_home != nullptr, stands_at_home) << "step " << step << " key " << key;
+    if (at_home != nullptr) {
+      ASSERT_EQ(at_home, &*found) << "step " << step;
+    }
     if (choice < 5) {  // insert
       Value value = value_of(random());
       auto result = map.insert_return_iterator_bool(key, value);
