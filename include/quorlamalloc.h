@@ -46,6 +46,14 @@ size_t quorla_os_get_malloc_size(void* ptr) QUORLA_NOEXCEPT;
 void quorla_free_local_thread(void* ptr) QUORLA_NOEXCEPT;
 void quorla_free_local_thread_use_ref(void** ptr_ref) QUORLA_NOEXCEPT;
 
+/* The statistics report on standard output (also the standard name malloc_stats); with
+ * QUORLAMALLOC_STATS_AT_EXIT set to anything but "" or "0", it is written at normal exit to
+ * standard error. */
+void quorla_malloc_stats(void) QUORLA_NOEXCEPT;
+/* Misuse reports: one line on standard error each; the program goes on. */
+void quorla_free_fail(void* ptr, unsigned int error_number) QUORLA_NOEXCEPT;
+void quorla_aligned_alloc_fail(size_t alignment, size_t size) QUORLA_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

@@ -72,12 +72,14 @@ class Stack_message {
 
   const char* c_str() const { return d_ar_char; }
   unsigned int size() const { return d_uint_size; }
+  // The report lines of the statistics go to standard output, the others to standard error.
   // errno stays as it was: a message on a path that succeeds or only warns must not show.
-  void write() const {
+  void write(FILE* stream) const {
     const int error_number = errno;
-    fputs(d_ar_char, stderr);
+    fputs(d_ar_char, stream);
     errno = error_number;
   }
+  void write() const { write(stderr); }
   [[noreturn]] void write_and_abort() const {
     write();
     abort();

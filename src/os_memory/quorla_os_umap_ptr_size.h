@@ -40,6 +40,9 @@ class Memory_os_umap_ptr_size {
   void erase_umap_without_lock(void* ptr);
   unsigned long get_size_without_lock(void* ptr);
   bool erase_from_umap_with_lock(void* ptr, unsigned long& size, unsigned char& page_type, unsigned short& numa_node);
+  // One line on standard error for each block still recorded, in slot order; for tear-down,
+  // when no other thread uses the table (quorla_os_memory_report.cc).
+  void check_memory_leak();
 
   Map umap_ptr_size;
   mutex mutex_umap;

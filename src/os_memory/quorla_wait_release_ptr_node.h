@@ -68,6 +68,10 @@ struct Struct_Memory_wait_release_ptr_node {
   unsigned long get_all_byte() const;
   unsigned long get_byte_page() const;
   unsigned long get_byte_hugepage2m() const;
+  // Reports (quorla_os_memory_report.cc): the counts on standard error, the bytes on
+  // standard output (nothing when the node is empty).
+  void print() const;
+  void print_byte() const;
 
   unsigned int uint_numa_node;
   unsigned int uint_need_prepare_2m_count;  // the target: regions wanted ready in the arrays

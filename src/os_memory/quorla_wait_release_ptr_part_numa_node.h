@@ -40,6 +40,10 @@ class Memory_wait_release_ptr_part_numa_node {
   unsigned long get_byte_page() const;
   unsigned long get_byte_hugepage2m() const;
   unsigned int get_block_count_all() const;  // kept in 32 bits
+  // Every node's print (standard error); the total then every node's print_byte (standard
+  // output). Nothing once the nodes are gone.
+  void print() const;
+  void print_byte() const;
 
   mutex mutex_push;
   unsigned int uint_wait_free_queue_count;

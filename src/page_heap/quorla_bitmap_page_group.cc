@@ -4,7 +4,9 @@
 
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_pause.h"
+#include "foundation/quorla_stack_message.h"
 #include "os_memory/quorla_region.h"
+#include "page_heap/quorla_page_piece_count.h"
 
 // The drain of the foreign-free queue runs the release of the allocation frame on every
 // pointer it pops; the queue is given that function's address.
@@ -129,42 +131,23 @@ Memory_bitmap_page_group::~Memory_bitmap_page_group() {
   // their regions back; pieces with live blocks keep them.
 }
 
-unsigned long Memory_bitmap_page_group::count_byte_of_page_type(unsigned char page_type) const {
-  unsigned long count = 0;
-  for (unsigned int i = 0; i < vt_normal.size(); ++i) {
-    const Memory_bitmap_page_piece* piece = vt_normal[i].ptr_t;
-    if (piece != nullptr && piece->ptr_byte_block != nullptr && piece->uchar_page_type == page_type) ++count;
-  }
-  for (unsigned int i = 0; i < vt_full.size(); ++i) {
-    const Memory_bitmap_page_piece* piece = vt_full[i].ptr_t;
-    if (piece != nullptr && piece->uchar_page_type == page_type) ++count;
-  }
-  return count * k_region_byte;
+unsigned long Memory_bitmap_page_group::get_byte_page() const { return count_page_pieces(*this).ulong_byte_page; }
+unsigned long Memory_bitmap_page_group::get_byte_hugepage2m() const {
+  return count_page_pieces(*this).ulong_byte_hugepage2m;
 }
+unsigned long Memory_bitmap_page_group::get_all_bit_count() const { return count_page_pieces(*this).ulong_all_bit; }
+unsigned long Memory_bitmap_page_group::get_free_bit_count() const { return count_page_pieces(*this).ulong_free_bit; }
 
-unsigned long Memory_bitmap_page_group::get_byte_page() const { return count_byte_of_page_type(0); }
-unsigned long Memory_bitmap_page_group::get_byte_hugepage2m() const { return count_byte_of_page_type(1); }
-
-unsigned long Memory_bitmap_page_group::get_all_bit_count() const {
-  unsigned long count = vt_full.size();
-  for (unsigned int i = 0; i < vt_normal.size(); ++i) {
-    const Memory_bitmap_page_piece* piece = vt_normal[i].ptr_t;
-    if (piece != nullptr && piece->ptr_byte_block != nullptr) ++count;
-  }
-  return count * 512;
-}
-
-unsigned long Memory_bitmap_page_group::get_free_bit_count() const {
-  unsigned long count = 0;
-  for (unsigned int i = 0; i < vt_normal.size(); ++i) {
-    const Memory_bitmap_page_piece* piece = vt_normal[i].ptr_t;
-    if (piece != nullptr && piece->ptr_byte_block != nullptr) count += piece->uint_free_bit;
-  }
-  for (unsigned int i = 0; i < vt_full.size(); ++i) {
-    const Memory_bitmap_page_piece* piece = vt_full[i].ptr_t;
-    if (piece != nullptr && piece->ptr_byte_block != nullptr) count += piece->uint_free_bit;
-  }
-  return count;
+void Memory_bitmap_page_group::print() const {
+  Stack_message<512>()
+      .text("Log: Memory_bitmap_page_group::print() vt_normal_size=")
+      .dec(vt_normal.size())
+      .text(", vt_full_size=")
+      .dec(vt_full.size())
+      .text(", thread_id=")
+      .hex_lower(ulong_thread_id)
+      .end_line()
+      .write(stderr);
 }
 
 }  // namespace quorla

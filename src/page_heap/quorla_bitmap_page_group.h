@@ -88,6 +88,8 @@ class Memory_bitmap_page_group {
   unsigned long get_byte_hugepage2m() const;
   unsigned long get_all_bit_count() const;
   unsigned long get_free_bit_count() const;
+  // One line on standard error: list sizes and owner.
+  void print() const;
 
   Memory_bitmap_page_piece* ptr_first_normal;
   Memory_pool_thread_heap* ptr_pool;
@@ -96,9 +98,6 @@ class Memory_bitmap_page_group {
   Piece_vector vt_full;
   Memory_mpsc_queue_wait_release* ptr_mpsc_queue_wait_release;
   mutex mutex_wait_release;
-
- private:
-  unsigned long count_byte_of_page_type(unsigned char page_type) const;
 };
 
 }  // namespace quorla

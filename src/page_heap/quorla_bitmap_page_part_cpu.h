@@ -13,6 +13,7 @@
 #include <array>
 #include <new>
 
+#include "foundation/quorla_memory_size_out.h"
 #include "foundation/quorla_mutex.h"
 #include "foundation/quorla_unique_ptr.h"
 #include "foundation/quorla_vector_allocator.h"
@@ -21,6 +22,7 @@
 #include "page_heap/quorla_memory_pool_base.h"
 #include "page_heap/quorla_bitmap_page_piece.h"
 #include "page_heap/quorla_page_part_cpu_policy.h"
+#include "page_heap/quorla_page_piece_count.h"
 #include "page_heap/quorla_part_cpu_release.h"
 #include "page_heap/quorla_piece_list.h"
 #include "startup/quorla_memory_settings.h"
@@ -83,6 +85,24 @@ class Memory_bitmap_page_part_cpu : public Memory_bitmap_page_without_lock_group
   void release_wait_release();
   // Pushes a release from another CPU; applied at this entry's next allocation.
   void push_foreign_release(void* ptr);
+  // One line on standard output: prefix, entry number, the regions held by page type, and
+  // their pages as bits; nothing while the entry holds no region. The caller holds mutex_group.
+  void print_use_byte(const char* prefix) const {
+    Page_piece_count count = count_page_pieces(*this);
+    unsigned long all_byte = count.ulong_byte_page + count.ulong_byte_hugepage2m;
+    if (all_byte == 0) return;
+    Stack_message<1024> line;
+    line.text(prefix).dec(uint_part_cpu_offset).text(", all_byte=");
+    append_memory_size(line, all_byte);
+    if (count.ulong_byte_page != 0) append_memory_size(line.text(", byte_page="), count.ulong_byte_page);
+    if (count.ulong_byte_hugepage2m != 0) append_memory_size(line.text(", byte_hugepage2M="), count.ulong_byte_hugepage2m);
+    if (count.ulong_all_bit != 0) {
+      append_bits_end(line, count.ulong_all_bit, count.ulong_free_bit);
+    } else {
+      line.end_line();
+    }
+    line.write(stdout);
+  }
 
   unsigned int uint_part_cpu_offset;
   unsigned int uint_min_normal_count;

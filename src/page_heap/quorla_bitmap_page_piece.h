@@ -140,6 +140,10 @@ class Memory_bitmap_page_piece final : public Bitmap_page_piece<Memory_bitmap_pa
  public:
   Memory_bitmap_page_piece(unsigned int offset_normal, Memory_bitmap_page_group* group)
       : Bitmap_page_piece<Memory_bitmap_page_group, true>(offset_normal, group) {}
+
+  // Reports on standard error; they take no lock and return (quorla_bitmap_page_piece.cc).
+  void print() const;
+  void check_memory_leak() const;
 };
 
 static_assert(sizeof(Memory_bitmap_page_piece) <= 112,

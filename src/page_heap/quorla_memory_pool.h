@@ -14,6 +14,7 @@
 
 #include <new>
 
+#include "foundation/quorla_memory_size_out.h"
 #include "foundation/quorla_unique_ptr.h"
 #include "foundation/quorla_vector_allocator.h"
 #include "startup/quorla_memory_settings.h"
@@ -156,6 +157,17 @@ class Memory_pool_without_lock {
     return count;
   }
   unsigned int get_piece_count() const { return vt_normal.size() + vt_full.size(); }
+
+  // One line on standard output: prefix, entry number, bytes and bits; nothing without
+  // pieces. The caller holds whatever serialises the pool.
+  void print_use_byte(const char* prefix) const {
+    unsigned long pieces = get_piece_count();
+    if (pieces == 0) return;
+    Stack_message<1024> line;
+    line.text(prefix).dec(uint_part_cpu_offset).text(", all_byte=");
+    append_memory_size(line, (static_cast<unsigned long>(uint_block_byte) << 9) * pieces);
+    append_bits_end(line, pieces << 9, get_free_bit_count()).write(stdout);
+  }
 
   Piece* ptr_first_normal;
   Page_type_function fn_get_page_type;

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "diagnostics/quorla_error_message.h"
+#include "diagnostics/quorla_malloc_stats.h"
 #include "foundation/quorla_crc32c.h"
 #include "foundation/quorla_machine.h"
 #include "foundation/quorla_mutex.h"
@@ -123,6 +124,7 @@ class Quorla_memory_malloc_guard {
     g_uint_memory_magic_flag_malloc_can_use = k_memory_magic_flag;
     pthread_key_create(&g_memory_pthread_key_thread_id, quorla_memory_notify_at_thread_exit);
     ptr_first_malloc = quorla_malloc(1);
+    register_malloc_stats_at_exit();
     thread_pause_nanosecond();
   }
   ~Quorla_memory_malloc_guard() {

@@ -45,6 +45,8 @@ class Memory_bitmap_group {
   void move_full_piece_to_vt_normal(Memory_bitmap_piece* piece) noexcept;
   void free_vt_normal_empty_force(Memory_bitmap_piece* piece);
   void trim();
+  // One line on standard error with the group's counts; nothing while it holds no memory.
+  void print() const;
 
   Memory_bitmap_piece* ptr_piece_first;
   Memory_pool_thread_heap* ptr_pool;

@@ -114,6 +114,11 @@ class Memory_bitmap_piece {
   // searched piece.
   QUORLA_NOINLINE void release_backing_block() noexcept;
 
+  // Reports on standard error; they take no lock and return (quorla_thread_heap_report.cc).
+  void print() const;
+  void check_memory_leak();
+  void free_fail(void* ptr, unsigned int bit_offset, unsigned int bit_size);
+
   unsigned int uint_free_bit;        // 512: empty
   unsigned int uint_max_free_bit;    // upper bound of the longest free run (15 at most to start)
   unsigned int uint_first_free_bit;  // no clear bit below it

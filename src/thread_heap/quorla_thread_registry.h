@@ -60,6 +60,8 @@ class Memory_thread_id_thread_local_data {
   void delete_this_thread();
 
   unsigned int size() const { return vt_thread_local.size(); }
+  // The heap lines of the statistics, on standard output (quorla_thread_heap_report.cc).
+  void print_use_byte_str() const;
 
   Memory_thread_map* ptr_map_current;
   unsigned int uint_map_index;
