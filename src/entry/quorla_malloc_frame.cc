@@ -33,6 +33,7 @@
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
 #include "os_memory/quorla_region.h"
+#include "os_memory/quorla_thread_background.h"
 #include "startup/quorla_before_init.h"
 #include "thread_heap/quorla_thread_registry.h"
 
@@ -43,10 +44,12 @@ unsigned int g_uint_memory_malloc_128byte_count = 0;
 namespace {
 
 // A request from deep in the allocator to start the background thread, acted on here; then
-// the configuration gate, so that this may also be the moment the settings are read.
+// the configuration gate, so that this may also be the moment the settings are read. The
+// thread is started first: a file read right after that disables it does not stop it.
 QUORLA_COLD void act_on_background_request() {
   g_bool_memory_need_enable_thread_background = false;
   store_fence();
+  g_memory_thread_background.enable();
   memory_check_program_config();
 }
 

@@ -10,6 +10,7 @@
 #include "os_memory/quorla_os_mmap.h"
 #include "os_memory/quorla_region.h"
 #include "os_memory/quorla_region_tag.h"
+#include "os_memory/quorla_thread_background.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 
 namespace quorla {
@@ -61,6 +62,12 @@ void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
   memory_check_program_config();
   // Size 0 is served as one region: a block that free and the size query know.
   unsigned long aligned = size == 0 ? k_region_byte : round_up_region(size);
+  // A large request that brings the mapped total to the threshold starts the thread at once:
+  // this path may start it itself, unlike the region's path below.
+  if (!g_bool_memory_use_thread_background &&
+      aligned + g_locking_sizet_os_malloc_all_size >= g_ulong_memory_size_use_thread_background_threshold) {
+    g_memory_thread_background.enable();
+  }
   unsigned char* block;
   if (aligned == k_region_byte) {
     // One region: the region's own path, through the wait-release cache (whose miss the

@@ -3,8 +3,9 @@
 // the start-up order, and exit runs the destructors in reverse:
 //
 //   machine facts  ->  constant strings  ->  topology, epoch and clocks  ->  g_spin_lock_simple  ->  g_crc32c  ->  g_mutex_mmap
-//   ->  g_memory_pool_size_128_base  ->  the region cache  ->  the eight page supplies  ->  the eight 128-byte pools
-//   ->  the thread registry (the main thread's heap)  ->  the crash-log names  ->  g_program_config
+//   ->  the binding counter  ->  g_memory_pool_size_128_base  ->  the region cache  ->  the eight page supplies  ->  the eight 128-byte pools
+//   ->  the thread registry (the main thread's heap)  ->  the crash-log names  ->  the background thread
+//   ->  the fork handlers  ->  g_program_config
 //   ->  the large-allocation table
 //   ->  g_quorla_memory_malloc_guard (the magic: the real allocator is on)  ->  traits
 //
@@ -29,11 +30,14 @@
 #include "page_heap/quorla_bitmap_page_part_cpu.h"
 #include "page_heap/quorla_memory_pool_base.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
+#include "os_memory/quorla_thread_background.h"
 #include "os_memory/quorla_wait_release_ptr_part_numa_node.h"
 #include "page_heap/quorla_pool_size_128_policy.h"
 #include "startup/quorla_before_init.h"
+#include "startup/quorla_fork.h"
 #include "startup/quorla_program_config.h"
 #include "thread_heap/quorla_thread_registry.h"
+#include "topology/quorla_cpu_bind.h"
 #include "topology/quorla_numa.h"
 
 extern "C" QUORLA_EXPORT void* quorla_malloc(size_t size) noexcept;
@@ -99,6 +103,16 @@ struct Startup_crc {
 } g_startup_crc;
 }  // namespace
 mutex g_mutex_mmap;
+namespace {
+// The first placement avoids the CPU of the loading thread.
+struct Startup_bind_cpu_offset {
+  Startup_bind_cpu_offset() {
+    int int_cpu = sched_getcpu();
+    unsigned int uint_cpu = int_cpu < 0 ? 0u : static_cast<unsigned int>(int_cpu);
+    g_atomic_uint_memory_bind_cpu_offset.store((uint_cpu + 1) % g_uint_hardware_concurrency);
+  }
+} g_startup_bind_cpu_offset;
+}  // namespace
 Memory_pool_size_128_base g_memory_pool_size_128_base;
 // After the root pool, before the page supplies: their empty pieces hand regions back to it
 // until its destructor, which runs after theirs.
@@ -109,6 +123,14 @@ Memory_thread_id_thread_local_data g_memory_thread_id_thread_local_data;
 string g_str_crash_log_path("/tmp");
 string g_str_crash_log_file("crash.log");
 string g_str_crash_path_file_name("crash.log");
+// Not started here: the first request to start it comes from a second thread, enough mapped
+// memory or mallopt. Destroyed after the guard, whose destructor has already joined it.
+Memory_thread_background g_memory_thread_background;
+namespace {
+struct Startup_fork {
+  Startup_fork() { memory_fork_register(); }
+} g_startup_fork;
+}  // namespace
 // The "=" form of lines; the file is read later, at the first trigger of the settings gate.
 Program_config g_program_config(true);
 Memory_os_umap_ptr_size g_memory_os_umap_ptr_size;
@@ -132,6 +154,8 @@ class Quorla_memory_malloc_guard {
     quorla_free(ptr_first_malloc);
     thread_pause_nanosecond();
     pthread_key_delete(g_memory_pthread_key_thread_id);
+    // At most one sleep and one round; the cache it works on is destroyed later.
+    if (g_bool_memory_use_thread_background) g_memory_thread_background.wait_background_thread_exit();
   }
   void* ptr_first_malloc;
 };

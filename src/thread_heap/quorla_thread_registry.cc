@@ -6,6 +6,7 @@
 #include "foundation/quorla_thread_self.h"
 #include "startup/quorla_memory_settings.h"
 #include "startup/quorla_before_init.h"
+#include "topology/quorla_cpu_bind.h"
 
 namespace quorla {
 
@@ -118,6 +119,8 @@ Memory_thread_local_data* Memory_thread_id_thread_local_data::insert_one(unsigne
     g_bool_memory_use_thread = true;
     if (!g_bool_memory_use_thread_background) g_bool_memory_need_enable_thread_background = true;
   }
+  // Still under the lock: the sibling files are read into stack buffers, nothing allocates.
+  auto_bind_new_thread();
   mutex_registry.unlock();
   return heap;
 }

@@ -247,7 +247,7 @@ TEST(ConfigFile, PrefaultFromTheFileFillsTheFirstLargeAllocation) {
 }
 
 TEST(ConfigFile, ThresholdAndEnableFlagDecideTheBackgroundRequestOfARegion) {
-  // A one-region large allocation asks for the background thread once the mapped bytes reach
+  // A one-region large allocation starts (or asks for) the background thread once the mapped bytes reach
   // the threshold, if the thread is enabled; the file is read before that test is made.
   struct Case { const char* text; unsigned long requested; };
   const Case cases[] = {
@@ -260,7 +260,7 @@ TEST(ConfigFile, ThresholdAndEnableFlagDecideTheBackgroundRequestOfARegion) {
     Conf_file file(c.text);
     Result result = run({"region"}, file.path());
     ASSERT_TRUE(result.exited_cleanly());
-    EXPECT_EQ(result.at("need_background_after_region"), c.requested);
+    EXPECT_EQ(result.at("background_after_region"), c.requested);
   }
 }
 

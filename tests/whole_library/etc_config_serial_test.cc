@@ -108,7 +108,7 @@ TEST_F(EtcConfig, SettingsFromTheFileReachTheirGlobalsAndAct) {
                                           {"uint_auto_bind_phy_cpu_count", 2},
                                           {"bool_enable_page_prefault", 1}}));
   EXPECT_EQ(result.at("large_resident_pages"), (3u << 20) / 4096) << "prefault acts on the first large block";
-  EXPECT_EQ(result.at("need_background_after_region"), 1u) << "the threshold of 1 byte is reached";
+  EXPECT_EQ(result.at("background_after_region"), 1u) << "the threshold of 1 byte is reached";
   EXPECT_EQ(result.str_stderr, "");
 }
 
