@@ -142,6 +142,9 @@ QUORLA_EXPORT int posix_memalign(void** out, size_t alignment, size_t size) noex
     __attribute__((alias("quorla_posix_memalign")));
 QUORLA_EXPORT void* valloc(size_t size) noexcept __attribute__((alias("quorla_valloc")));
 QUORLA_EXPORT void* pvalloc(size_t size) noexcept __attribute__((alias("quorla_pvalloc")));
+QUORLA_EXPORT void* __libc_memalign(size_t alignment, size_t size) noexcept __attribute__((alias("quorla_aligned_alloc")));
+QUORLA_EXPORT void* __libc_valloc(size_t size) noexcept __attribute__((alias("quorla_valloc")));
+QUORLA_EXPORT void* __libc_pvalloc(size_t size) noexcept __attribute__((alias("quorla_pvalloc")));
 #endif
 
 }  // extern "C"

@@ -207,6 +207,10 @@ QUORLA_EXPORT void quorla_free_local_thread_use_ref(void** ptr_ref) noexcept { q
 // The standard names are the same functions, not forwarders: one address, two symbols.
 QUORLA_EXPORT void* malloc(size_t size) noexcept __attribute__((alias("quorla_malloc")));
 QUORLA_EXPORT void free(void* ptr) noexcept __attribute__((alias("quorla_free")));
+// glibc's internal names, which some libraries call directly: ours too, so that no block
+// crosses between two allocators.
+QUORLA_EXPORT void* __libc_malloc(size_t size) noexcept __attribute__((alias("quorla_malloc")));
+QUORLA_EXPORT void __libc_free(void* ptr) noexcept __attribute__((alias("quorla_free")));
 #endif
 
 }  // extern "C"

@@ -104,6 +104,8 @@ QUORLA_EXPORT void* quorla_calloc(size_t nmemb, size_t size) noexcept {
 QUORLA_EXPORT void* realloc(void* ptr, size_t size) noexcept __attribute__((alias("quorla_realloc")));
 QUORLA_EXPORT void* reallocarray(void* ptr, size_t nmemb, size_t size) noexcept __attribute__((alias("quorla_realloc_array")));
 QUORLA_EXPORT void* calloc(size_t nmemb, size_t size) noexcept __attribute__((alias("quorla_calloc")));
+QUORLA_EXPORT void* __libc_realloc(void* ptr, size_t size) noexcept __attribute__((alias("quorla_realloc")));
+QUORLA_EXPORT void* __libc_calloc(size_t nmemb, size_t size) noexcept __attribute__((alias("quorla_calloc")));
 QUORLA_EXPORT size_t malloc_size(void* ptr) noexcept __attribute__((alias("quorla_get_malloc_size")));
 QUORLA_EXPORT size_t malloc_usable_size(void* ptr) noexcept __attribute__((alias("quorla_malloc_usable_size")));
 #endif

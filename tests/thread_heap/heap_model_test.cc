@@ -2,7 +2,6 @@
 // process (reached through the quorla_ names while the harness keeps libc's malloc),
 // checked against an independent model after every step.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -41,12 +40,14 @@ Memory_thread_local_data& main_heap() { return *g_ptr_memory_thread_local_data_m
 unsigned long* head_of(const void* ptr) { return reinterpret_cast<unsigned long*>(reinterpret_cast<uintptr_t>(ptr) & ~2097151ul); }
 unsigned long slot_of(const void* ptr) { return head_of(ptr)[(reinterpret_cast<uintptr_t>(ptr) & 2097151ul) >> 12]; }
 
-// Whether a page piece of the main heap still owns the region of ptr (slot 0 names it).
+// Whether a page piece of the main heap still owns the region of ptr. Decided from the heap's
+// own pieces, without reading the region: a region that went back to the cache may be unmapped
+// by the background thread at any moment, while one the heap owns stays mapped.
 bool region_owned_by_main_heap(const void* ptr) {
-  const unsigned long owner = head_of(ptr)[0];
+  const auto* region = reinterpret_cast<const unsigned char*>(head_of(ptr));
   for (const auto* vt : {&main_heap().page_group.vt_normal, &main_heap().page_group.vt_full}) {
     for (unsigned int i = 0; i < vt->size(); ++i) {
-      if (reinterpret_cast<unsigned long>((*vt)[i].ptr_t) == owner) return true;
+      if ((*vt)[i].ptr_t->ptr_byte_block == region) return true;
     }
   }
   return false;
@@ -61,8 +62,7 @@ void release_random(std::map<uintptr_t, size_t>& live, std::mt19937_64& random) 
   const size_t capacity = victim->second;
   live.erase(victim);
   quorla_free(ptr);
-  unsigned char resident;
-  if (mincore(head_of(ptr), 4096, &resident) != 0 || !region_owned_by_main_heap(ptr)) return;
+  if (!region_owned_by_main_heap(ptr)) return;
   const unsigned long slot = slot_of(ptr);
   if (slot > 511) {
     EXPECT_EQ(reinterpret_cast<const Memory_bitmap_piece*>(slot)->get_bit_size_from_ptr(ptr), 0u);
