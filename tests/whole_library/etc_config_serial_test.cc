@@ -112,6 +112,44 @@ TEST_F(EtcConfig, SettingsFromTheFileReachTheirGlobalsAndAct) {
   EXPECT_EQ(result.str_stderr, "");
 }
 
+TEST_F(EtcConfig, SettingsFromTheFileChangeWhatAFreshProgramDoes) {
+  // 12 touched regions past a 4 MB threshold start the background thread, whose start asks
+  // for huge pages only when the file lets it; the freed regions go back at the file's pace,
+  // the first no sooner than five intervals after the last demand.
+  struct Case {
+    const char* text;
+    bool hugepages_asked;
+    bool released;  // within one second
+  };
+  const Case cases[] = {
+      {"bool_enable_hugepage2m = no\nuint_wait_microseconds_between_release_2m = 1000000\n", false, false},
+      {"bool_enable_hugepage2m = yes\nuint_wait_microseconds_between_release_2m = 2000\n", true, true},
+  };
+  constexpr unsigned long k_page_block = 1500000;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    guard_->write(std::string("ulong_size_use_thread_background_threshold = 4194304\n"
+                              "uint_microseconds_thread_background_force_release_one_2m = 0\n") +
+                  c.text);
+    Result result = run({"128", "burst", "12", "tasks", "2000", "hugepages", "2000", "released", "1000"},
+                        config_probe::k_unset);
+    ASSERT_TRUE(result.exited_cleanly()) << result.str_stderr;
+    EXPECT_EQ(result.at("tasks"), 2u);
+    ASSERT_EQ(result.at("hugepage_probe_run"), 1u);
+    if (c.hugepages_asked) {
+      EXPECT_GE(result.at("hugetlb_mmap_calls"), 1u);
+    } else {
+      EXPECT_EQ(result.at("hugetlb_mmap_calls"), 0u);
+    }
+    if (c.released) {
+      EXPECT_GE(result.at("released_bytes"), 5 * k_page_block);
+    } else {
+      EXPECT_LT(result.at("released_bytes"), k_page_block);
+    }
+    EXPECT_EQ(result.str_stderr, "");
+  }
+}
+
 TEST_F(EtcConfig, TheVariableNamesTheFileReadInstead) {
   guard_->write("uint_wait_microseconds_between_release_2m = 1111\n");
   char other_path[] = "/tmp/quorla_conf_other_XXXXXX";
