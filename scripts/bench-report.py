@@ -15,7 +15,7 @@ import statistics
 import subprocess
 import sys
 
-ALLOCATORS = ["glibc", "jemalloc", "tcmalloc", "mimalloc", "quorlamalloc"]
+ALLOCATORS = ["glibc", "jemalloc", "tcmalloc", "mimalloc", "quorlamalloc", "quorlamalloc-hardened"]
 
 
 def read_machine(path):
@@ -163,7 +163,9 @@ unset multiplot
     out.append("- CPU: %s, %s cores (shared with other jobs: load average %s at the start; expect noise "
                "of several percent)" % (info["cpu"], info["cores"], info["load"]))
     out.append("- Kernel: %s" % info["kernel"])
-    out.append("- libquorlamalloc: commit %s, `build/libquorlamalloc.so` (Release, -O2)" % info["commit"])
+    out.append("- libquorlamalloc: commit %s, `build/libquorlamalloc.so` (Release, -O2); quorlamalloc-hardened: "
+               "`build/libquorlamalloc_hardened.so`, the same code with the hardened edges (README, "
+               "\"Known behaviours\")" % info["commit"])
     for a in ["glibc", "jemalloc", "tcmalloc", "mimalloc"]:
         out.append("- %s: %s (`%s`)" % (a, info[a], info["library_" + a]))
     out.append("")

@@ -5,9 +5,12 @@
 // page block, so free and the size query need nothing to tell it apart.
 //
 // memalign makes no power-of-two test of its own; posix_memalign refuses a bad alignment.
+// The hardened build refuses bad alignments everywhere and mends the page runs that the
+// aligned search never returns from (foundation/quorla_hardened.h).
 #include "quorlamalloc.h"
 #include <cerrno>
 
+#include "foundation/quorla_hardened.h"
 #include "entry/quorla_malloc_frame.h"
 #include "entry/quorla_size_route.h"
 #include "foundation/quorla_conversion.h"
@@ -68,12 +71,23 @@ QUORLA_EXPORT void* quorla_malloc_4k_to_2m_align(unsigned int alignment, unsigne
   using namespace quorla;
   Memory_thread_local_data* heap = heap_of_this_thread();
   unsigned int pages = page_count_of(size);
-  if (alignment > k_page_byte) return heap->page_group.malloc_bit_size_align(pages, page_count_of(alignment));
+  if (alignment > k_page_byte) {
+    unsigned int align_page = page_count_of(alignment);
+    if (k_hardened) {
+      align_page = hardened_run_align_page(pages, align_page);
+      if (align_page == 0) return quorla_os_malloc(size);
+    }
+    return heap->page_group.malloc_bit_size_align(pages, align_page);
+  }
   return heap->page_group.take_pages(pages);
 }
 
 QUORLA_EXPORT void* quorla_aligned_alloc(size_t alignment, size_t size) noexcept {
   using namespace quorla;
+  if (k_hardened && !is_power_of_two(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
   size_t rounded = (size + alignment - 1) & ~(alignment - 1);
   // A rounding that wraps would make a tiny block of a huge request. (An alignment of 0
   // rounds every size to 0 and is served as malloc(0).)
@@ -101,16 +115,22 @@ QUORLA_EXPORT void* quorla_valloc(size_t size) noexcept { return quorla_malloc_p
 QUORLA_EXPORT void* quorla_pvalloc(size_t size) noexcept { return quorla_malloc_page_align(size); }
 
 QUORLA_EXPORT int quorla_posix_memalign(void** out, size_t alignment, size_t size) noexcept {
-  // An alignment of 0 passes, and alignments below a pointer's size are not refused.
-  if ((alignment & (alignment - 1)) != 0) {
+  // An alignment of 0 passes, and alignments below a pointer's size are not refused (the
+  // hardened build refuses both).
+  bool refused = (alignment & (alignment - 1)) != 0;
+  if (quorla::k_hardened) refused = !quorla::is_power_of_two(alignment) || alignment % sizeof(void*) != 0;
+  if (refused) {
     quorla::write_line("Error: quorla_posix_memalign() EINVAL\r\n");
     return 22;
   }
+  // The answer is the result: errno stays as it was.
+  int error_number = errno;
   void* block = quorla_aligned_alloc(alignment, size);
   if (block != nullptr) {
     *out = block;
     return 0;
   }
+  errno = error_number;
   quorla::write_line("Error: quorla_posix_memalign() ENOMEM\r\n");
   return 12;
 }

@@ -4,12 +4,14 @@
 // Every realloc of a live pointer allocates, copies and frees -- also when shrinking by a
 // byte and for blocks of the operating-system tier. The copy length is the smaller of the
 // two capacities. calloc allocates and clears (n + 1) * size bytes (2 * size for n == 0),
-// and reallocarray asks realloc for the same extra element.
+// and reallocarray asks realloc for the same extra element. Every null answer sets errno.
 #include "quorlamalloc.h"
 #include <cerrno>
 #include <cstring>
 
+#include "foundation/quorla_hardened.h"
 #include "entry/quorla_malloc_frame.h"
+#include "entry/quorla_resize_off.h"
 #include "entry/quorla_size_route.h"
 #include "foundation/quorla_stack_message.h"
 #include "os_memory/quorla_os_umap_ptr_size.h"
@@ -25,6 +27,8 @@ QUORLA_EXPORT size_t quorla_get_malloc_size(void* ptr) noexcept {
   if (g_memory_first_init_data.is_below_next(ptr) && g_memory_first_init_data.is_at_or_above_base(ptr)) {
     return quorla_get_malloc_size_before_init(ptr);
   }
+  // Shut down: the records this query reads may be gone.
+  if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag)) return malloc_size_while_off(ptr);
   unsigned long offset = region_offset_of(ptr);
   if (offset == 0) return quorla_os_get_malloc_size(ptr);
   load_fence();
@@ -43,6 +47,11 @@ QUORLA_EXPORT void* quorla_realloc(void* ptr, size_t size) noexcept {
     quorla_free(ptr);
     return nullptr;
   }
+  using namespace quorla;
+  if (QUORLA_UNLIKELY(g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag) &&
+      !is_before_init_block(ptr)) {
+    return realloc_while_off(ptr, size);
+  }
   size_t old_size = quorla_get_malloc_size(ptr);
   // Unknown to the size query: neither released nor copied.
   if (old_size == 0) return quorla_malloc(size);
@@ -54,8 +63,14 @@ QUORLA_EXPORT void* quorla_realloc(void* ptr, size_t size) noexcept {
 }
 
 QUORLA_EXPORT void* quorla_realloc_array(void* ptr, size_t nmemb, size_t size) noexcept {
-  size_t count = nmemb == 0 ? 2 : nmemb + 1;
-  return quorla_realloc(ptr, count * size);
+  using namespace quorla;
+  size_t count = count_with_extra_element(nmemb);
+  size_t total = count * size;
+  if (k_hardened && is_element_product_overflow(count, size, total)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return quorla_realloc(ptr, total);
 }
 
 QUORLA_EXPORT void* quorla_calloc(size_t nmemb, size_t size) noexcept {
@@ -67,8 +82,9 @@ QUORLA_EXPORT void* quorla_calloc(size_t nmemb, size_t size) noexcept {
     reported = 1;
   }
   size_t total = count * size;
-  // The one overflow test: a product that wraps to a value not below size passes it.
-  if (size > total) {
+  // The one overflow test: a product that wraps to a value not below size passes it (the
+  // hardened build tests the whole product).
+  if (k_hardened ? is_element_product_overflow(count, size, total) : size > total) {
     Stack_message<1024>()
         .text("Log: quorla_calloc() over size. sizet_nmemb_in=")
         .dec(reported)
@@ -76,6 +92,7 @@ QUORLA_EXPORT void* quorla_calloc(size_t nmemb, size_t size) noexcept {
         .dec(size)
         .end_line()
         .write();
+    errno = ENOMEM;
     return nullptr;
   }
   void* block = quorla_malloc(total);

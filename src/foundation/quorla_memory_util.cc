@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace quorla {
@@ -33,11 +34,14 @@ void memory_flush_invalid_cache(const void* ptr, unsigned long size) {
 
 bool file_to_chars(const char* path, unsigned long size, char* out) {
   out[0] = 0;
+  // Read on allocation paths: a missing file must not show in the caller's errno.
+  const int error_number = errno;
   int descriptor = open(path, O_RDONLY);
   // Only a descriptor of 0 counts as a failed open; -1 fails at the read below.
   if (descriptor == 0) return false;
   long count = read(descriptor, out, size - 1);
   close(descriptor);
+  errno = error_number;
   return count > 0;
 }
 

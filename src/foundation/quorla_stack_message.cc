@@ -18,7 +18,11 @@ void append_source_file_name(const char* path, char* out, unsigned int out_size)
   out[length] = 0;
 }
 
-void write_line(const char* text) { fwrite(text, 1, strlen(text), stderr); }
+void write_line(const char* text) {
+  const int error_number = errno;
+  fwrite(text, 1, strlen(text), stderr);
+  errno = error_number;
+}
 
 void write_and_abort(const char* text) {
   fwrite(text, 1, strlen(text), stderr);

@@ -6,6 +6,7 @@
 //       .source(__FILE__, __LINE__, __func__).write_and_abort();
 #pragma once
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -71,9 +72,14 @@ class Stack_message {
 
   const char* c_str() const { return d_ar_char; }
   unsigned int size() const { return d_uint_size; }
-  void write() const { fputs(d_ar_char, stderr); }
   // The report lines of the statistics go to standard output, the others to standard error.
-  void write(FILE* stream) const { fputs(d_ar_char, stream); }
+  // errno stays as it was: a message on a path that succeeds or only warns must not show.
+  void write(FILE* stream) const {
+    const int error_number = errno;
+    fputs(d_ar_char, stream);
+    errno = error_number;
+  }
+  void write() const { write(stderr); }
   [[noreturn]] void write_and_abort() const {
     write();
     abort();

@@ -84,15 +84,22 @@ void memory_prefault_hugepage2m(void* ptr_void_start, unsigned long ulong_size) 
 }
 
 void* os_malloc_mmap_with_flag(unsigned long ulong_size, int int_flag) {
+  // A failed attempt followed by a good one, or a huge-page refusal that the caller answers
+  // with ordinary pages, must not show in the caller's errno.
+  const int int_errno = errno;
   for (unsigned int uint_try = 0; uint_try < k_uint_mmap_max_try; ++uint_try) {
     void* ptr = g_os_mmap_function(nullptr, ulong_size, PROT_READ | PROT_WRITE,
                                    MAP_PRIVATE | MAP_ANONYMOUS | int_flag, -1, 0);
     if (QUORLA_LIKELY(ptr != MAP_FAILED)) {
       g_locking_sizet_os_malloc_all_size += ulong_size;
+      errno = int_errno;
       return ptr;
     }
     // A failed huge-page mapping is a normal outcome: the caller falls back, silently.
-    if (int_flag != 0) return nullptr;
+    if (int_flag != 0) {
+      errno = int_errno;
+      return nullptr;
+    }
     write_mmap_failure(ulong_size, errno);
     std::new_handler handler = std::get_new_handler();
     if (handler == nullptr) std::terminate();
@@ -103,11 +110,13 @@ void* os_malloc_mmap_with_flag(unsigned long ulong_size, int int_flag) {
 }
 
 void os_free_unmap_without_lock(void* ptr_void_in, unsigned long ulong_size) {
+  const int int_errno = errno;
   if (QUORLA_LIKELY(munmap(ptr_void_in, ulong_size) == 0)) {
     g_locking_sizet_os_malloc_all_size -= ulong_size;
     return;
   }
-  // The bytes stay counted: as far as this layer knows they are still mapped.
+  // The bytes stay counted: as far as this layer knows they are still mapped. free and the
+  // other callers leave errno as it was.
   int error_number = errno;
   Stack_message<1024>()
       .text("Warn: os_free_unmap_without_lock() failed. ptr_void_in=")
@@ -116,6 +125,7 @@ void os_free_unmap_without_lock(void* ptr_void_in, unsigned long ulong_size) {
       .dec(ulong_size)
       .errno_end_line(error_number)
       .write();
+  errno = int_errno;
 }
 
 void* os_malloc_mmap_page(unsigned long& ulong_size) {
@@ -150,15 +160,14 @@ void* os_realloc_mmap_page(void* ptr_void_old, unsigned long ulong_old_size, uns
   return ptr;
 }
 
-void* os_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_alignment) {
-  ulong_size = round_up_page(ulong_size);
-  ulong_alignment = round_up_page(ulong_alignment);
-  g_mutex_mmap.lock();
-  unsigned char* ptr_map = static_cast<unsigned char*>(os_malloc_mmap_with_flag(ulong_size + ulong_alignment, 0));
+namespace {
+
+// The alignment trick on a mapping of size + alignment bytes: when the kernel's address is
+// already aligned the head is a whole alignment, so the aligned start is given back and the
+// second part kept, and the shape never depends on luck. Caller holds g_mutex_mmap.
+unsigned char* trim_to_alignment(unsigned char* ptr_map, unsigned long ulong_size, unsigned long ulong_alignment) {
   unsigned long ulong_low = reinterpret_cast<unsigned long>(ptr_map) & (ulong_alignment - 1);
   unsigned long ulong_head = ulong_alignment - ulong_low;
-  // When the kernel's address is already aligned the head is a whole alignment: the aligned
-  // start is given back and the second part kept, so the shape never depends on luck.
   if (ulong_head != 0) os_free_unmap_without_lock(ptr_map, ulong_head);
   unsigned char* ptr = ptr_map + ulong_head;
   if (ulong_low != 0) os_free_unmap_without_lock(ptr + ulong_size, ulong_low);
@@ -166,7 +175,35 @@ void* os_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_al
   if (g_bool_memory_enable_page_prefault && ulong_size > k_page_byte) {
     memory_prefault_page(ptr + k_page_byte, ulong_size - k_page_byte);
   }
+  return ptr;
+}
+
+}  // namespace
+
+void* os_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_alignment) {
+  ulong_size = round_up_page(ulong_size);
+  ulong_alignment = round_up_page(ulong_alignment);
+  g_mutex_mmap.lock();
+  unsigned char* ptr_map = static_cast<unsigned char*>(os_malloc_mmap_with_flag(ulong_size + ulong_alignment, 0));
+  unsigned char* ptr = trim_to_alignment(ptr_map, ulong_size, ulong_alignment);
   g_mutex_mmap.unlock();
+  return ptr;
+}
+
+void* os_try_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_alignment) {
+  ulong_size = round_up_page(ulong_size);
+  ulong_alignment = round_up_page(ulong_alignment);
+  const int int_errno = errno;
+  g_mutex_mmap.lock();
+  void* ptr_map = g_os_mmap_function(nullptr, ulong_size + ulong_alignment, PROT_READ | PROT_WRITE,
+                                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  unsigned char* ptr = nullptr;
+  if (ptr_map != MAP_FAILED) {
+    g_locking_sizet_os_malloc_all_size += ulong_size + ulong_alignment;
+    ptr = trim_to_alignment(static_cast<unsigned char*>(ptr_map), ulong_size, ulong_alignment);
+  }
+  g_mutex_mmap.unlock();
+  errno = int_errno;
   return ptr;
 }
 

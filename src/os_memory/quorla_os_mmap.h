@@ -44,6 +44,9 @@ void os_free_unmap_without_lock(void* ptr_void_in, unsigned long ulong_size);
 void* os_malloc_mmap_page(unsigned long& ulong_size);
 void* os_realloc_mmap_page(void* ptr_void_old, unsigned long ulong_old_size, unsigned long& ulong_new_size);
 void* os_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_alignment);
+// The same with one mmap call and no message: null when the kernel refuses (the hardened
+// build's large allocations), errno as it was.
+void* os_try_malloc_mmap_page_align(unsigned long ulong_size, unsigned long ulong_alignment);
 void* os_malloc_mmap_page_2m_align(unsigned int uint_numa_node);
 void* os_malloc_hugepage2m(unsigned long& ulong_size);
 void* os_malloc_hugepage2m_size_2m(unsigned int uint_numa_node);

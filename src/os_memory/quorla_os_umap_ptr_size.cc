@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "foundation/quorla_hardened.h"
 #include "foundation/quorla_stack_message.h"
 #include "startup/quorla_memory_settings.h"
 #include "os_memory/quorla_os_mmap.h"
@@ -24,16 +25,23 @@ void warn_not_found(const char* text, void* ptr) {
   Stack_message<1024>().text(text).hex_lower(ptr).end_line().write();
 }
 
-// A new block of aligned bytes: huge pages when they are in use, else an aligned mapping.
+// A new block of aligned bytes: huge pages when they are in use, else an aligned mapping. The
+// hardened build's mapping answers null where the default one ends the process.
 unsigned char* map_large(unsigned long aligned) {
   unsigned char* block = nullptr;
   if (g_bool_memory_use_hugepage2m) {
     unsigned long size = aligned;
     block = static_cast<unsigned char*>(os_malloc_hugepage2m(size));
   }
-  if (block == nullptr) block = static_cast<unsigned char*>(os_malloc_mmap_page_align(aligned, k_region_byte));
+  if (block == nullptr) {
+    block = static_cast<unsigned char*>(k_hardened ? os_try_malloc_mmap_page_align(aligned, k_region_byte)
+                                                   : os_malloc_mmap_page_align(aligned, k_region_byte));
+  }
   return block;
 }
+
+// Sizes within one region of the top of the address space would round to 0.
+QUORLA_INLINE bool is_beyond_address_space(size_t size) { return size > ~0ul - k_region_offset_mask; }
 
 void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
   g_mutex_mmap.lock();
@@ -52,7 +60,8 @@ void unmap_large(void* ptr, unsigned long size, unsigned char page_type) {
 void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
   // The configuration gate: this is how the settings get read when a large request comes first.
   memory_check_program_config();
-  unsigned long aligned = round_up_region(size);
+  // Size 0 is served as one region: a block that free and the size query know.
+  unsigned long aligned = size == 0 ? k_region_byte : round_up_region(size);
   // A large request that brings the mapped total to the threshold starts the thread at once:
   // this path may start it itself, unlike the region's path below.
   if (!g_bool_memory_use_thread_background &&
@@ -61,10 +70,15 @@ void* Memory_os_umap_ptr_size::malloc_and_insert_into_umap(unsigned long size) {
   }
   unsigned char* block;
   if (aligned == k_region_byte) {
-    // One region: the region's own path, through the wait-release cache.
-    block = memory_wait_release_malloc_region();
+    // One region: the region's own path, through the wait-release cache (whose miss the
+    // hardened build maps with a mapping that may fail).
+    block = memory_wait_release_malloc_region(k_hardened);
   } else {
     block = map_large(aligned);
+  }
+  if (k_hardened && block == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
   }
   // The tag is read before the user can overwrite it.
   const auto* tag = reinterpret_cast<const Region_tag*>(block);
@@ -113,7 +127,13 @@ void* Memory_os_umap_ptr_size::realloc_and_update_umap(void* ptr, unsigned long 
   unsigned char old_page_type = found ? umap_ptr_size.slot(offset).value.uchar_page_type : 0;
   mutex_umap.unlock();
   unsigned long aligned = round_up_region(size);
-  if (!found && aligned == 0) return ptr;
+  // Size 0: a known block is released and the answer is null, as realloc(p, 0) does; an
+  // unknown pointer comes back unchanged.
+  if (aligned == 0) {
+    if (!found) return ptr;
+    free_and_erase_from_umap(ptr);
+    return nullptr;
+  }
   if (found && old_size == aligned) return ptr;
   if (!found || old_size == 0) {
     Stack_message<1024>()
@@ -125,10 +145,15 @@ void* Memory_os_umap_ptr_size::realloc_and_update_umap(void* ptr, unsigned long 
         .dec(aligned)
         .end_line()
         .write();
+    errno = ENOMEM;
     return nullptr;
   }
   // The cache is not used here, not even for a new size of one region.
   unsigned char* block = map_large(aligned);
+  if (k_hardened && block == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
+  }
   const auto* tag = reinterpret_cast<const Region_tag*>(block);
   unsigned char page_type = tag->uchar_page_type;
   unsigned short numa_node = tag->ushort_numa_node;
@@ -191,9 +216,8 @@ bool Memory_os_umap_ptr_size::erase_from_umap_with_lock(void* ptr, unsigned long
 extern "C" {
 
 QUORLA_EXPORT void* quorla_os_malloc(size_t size) noexcept {
-  // A size within one region of the top of the address space would round to 0: refuse it
-  // as the C library does rather than hand out a tiny block.
-  if (size > ~0ul - quorla::k_region_offset_mask) {
+  // Refused as the C library does rather than rounded to a tiny block.
+  if (quorla::is_beyond_address_space(size)) {
     errno = ENOMEM;
     return nullptr;
   }
@@ -201,6 +225,10 @@ QUORLA_EXPORT void* quorla_os_malloc(size_t size) noexcept {
 }
 QUORLA_EXPORT void quorla_os_free(void* ptr) noexcept { quorla::g_memory_os_umap_ptr_size.free_and_erase_from_umap(ptr); }
 QUORLA_EXPORT void* quorla_os_realloc(void* ptr, size_t size) noexcept {
+  if (quorla::is_beyond_address_space(size)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
   return quorla::g_memory_os_umap_ptr_size.realloc_and_update_umap(ptr, size);
 }
 QUORLA_EXPORT size_t quorla_os_get_malloc_size(void* ptr) noexcept {

@@ -113,7 +113,7 @@ unsigned int Memory_wait_release_ptr_part_numa_node::get_block_count_all() const
   return sum_nodes(ptr_ar_node, &Struct_Memory_wait_release_ptr_node::get_block_count_all);
 }
 
-unsigned char* memory_wait_release_malloc_region() {
+unsigned char* memory_wait_release_malloc_region(bool bool_may_fail) {
   Struct_Memory_wait_release_ptr_node* nodes = g_memory_wait_release_ptr_part_numa_node.ptr_ar_node;
   if (QUORLA_LIKELY(nodes != nullptr)) {
     // Always the first node: demand never looks at the caller's node.
@@ -125,6 +125,7 @@ unsigned char* memory_wait_release_malloc_region() {
       g_bool_memory_enable_thread_background) {
     g_bool_memory_need_enable_thread_background = true;
   }
+  if (bool_may_fail) return static_cast<unsigned char*>(os_try_malloc_mmap_page_align(k_region_byte, k_region_byte));
   // Never null: exhaustion is made fatal in the mapping layer.
   return static_cast<unsigned char*>(os_malloc_map_align_2m_size_2m());
 }

@@ -55,9 +55,10 @@ extern Memory_wait_release_ptr_part_numa_node g_memory_wait_release_ptr_part_num
 
 // A region for a page piece, a page-supply piece or a large block of exactly one region:
 // node 0's stock first; on a miss the background thread is asked for once enough is mapped,
-// and the region is mapped here. Never null. Also safe before the cache is built and after
-// it is gone, when every region is mapped.
-unsigned char* memory_wait_release_malloc_region();
+// and the region is mapped here. Never null, unless bool_may_fail (the hardened build's large
+// blocks): then a mapping the kernel refuses answers null, errno as it was. Also safe before
+// the cache is built and after it is gone, when every region is mapped.
+unsigned char* memory_wait_release_malloc_region(bool bool_may_fail = false);
 
 // An empty region goes back: the tag is written (page type, node, the pages that may be
 // dirty, the release moment, which also refreshes g_timet_millisecond_now_steady), then its

@@ -1,5 +1,6 @@
 #include "startup/quorla_memory_program_config.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "diagnostics/quorla_error_message.h"
@@ -86,7 +87,11 @@ void memory_program_config_init() { memory_program_config_load(g_program_config,
 void memory_check_program_config() {
   if (g_uint_memory_magic_flag_malloc_can_use != k_memory_magic_flag) return;
   // The counter moves first, so the reader's own mallocs do not enter here again.
-  if (atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u) == 0) memory_program_config_init();
+  if (atomic_fetch_add(g_atomic_uint_memory_check_program_config_count, 1u) != 0) return;
+  // Read inside a malloc that succeeds: a missing file must not show in the caller's errno.
+  const int error_number = errno;
+  memory_program_config_init();
+  errno = error_number;
 }
 
 }  // namespace quorla

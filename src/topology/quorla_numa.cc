@@ -150,10 +150,13 @@ void numa_mem_bind_to_node(void* ptr_void_in, unsigned long ulong_size, unsigned
   static const Memory_numa_node_bitmask k_empty_mask;
   const Memory_numa_node_bitmask& mask =
       uint_node < k_uint_numa_node_mask_count ? g_ar_memory_numa_node_bitmask[uint_node] : k_empty_mask;
+  // A refused binding is reported and the memory used unbound: the caller's errno stays.
+  const int int_errno = errno;
   long long_result = syscall(k_long_syscall_mbind, ptr_void_in, ulong_size, k_ulong_mpol_bind, mask.ar_ulong_mask,
                              mask.ulong_size + 1, 0UL);
   if (long_result == 0) return;
   int error_number = errno;
+  errno = int_errno;
   Stack_message<1024>()
       .text("Error: numa_mem_bind_to_node() failed. ptr_void_in=")
       .hex_lower(ptr_void_in)

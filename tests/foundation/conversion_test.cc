@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <random>
@@ -123,8 +124,10 @@ TEST(MemoryUtil, FillCopyAndFileRead) {
   EXPECT_STREQ(out, "0-3");
   unlink(path.c_str());
   out[0] = 'z';
+  errno = EDOM;
   EXPECT_FALSE(file_to_chars("/nonexistent/quorla/file", 8, out));
   EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(errno, EDOM) << "a missing file does not show in the caller's errno";
 }
 
 TEST(StackMessageDeathTest, BuildsTheLineAndStopsOnOverrun) {

@@ -61,3 +61,25 @@ map_when_reading_stdin() {
   echo "process $pid never blocked reading its standard input" >&2
   return 1
 }
+
+# Runs "$@" under the library with its standard input held open on a pipe until the process
+# blocks reading it (by then its loader has mapped every library), writes its memory map to
+# the file $1, then gives it the file $2 as input. Standard output and error are the caller's.
+preloaded_with_held_input() {
+  local map=$1 input=$2 status=0 pid
+  shift 2
+  rm -f "$scratch/held_input"
+  mkfifo "$scratch/held_input"
+  exec 3<>"$scratch/held_input"
+  LD_PRELOAD="$QUORLA_LIBRARY" "$@" <"$scratch/held_input" 3>&- &
+  pid=$!
+  if ! map_when_reading_stdin "$pid" >"$map"; then
+    exec 3>&-
+    wait "$pid" || true
+    return 1
+  fi
+  cat "$input" >&3
+  exec 3>&-
+  wait "$pid" || status=$?
+  return "$status"
+}

@@ -11,7 +11,7 @@ extern "C" {
 bool early_blocks_were_from_the_start_up_heap();
 bool early_blocks_intact();
 void free_early_blocks();
-void keep_until_exit(void* real_block);
+void keep_until_exit(void* real_block, size_t byte, unsigned char fill);
 bool is_in_start_up_heap(const void* ptr);
 }
 
@@ -31,7 +31,15 @@ int main() {
   printf("real block outside the start-up heap: %s\n", is_in_start_up_heap(real) ? "no" : "yes");
   printf("early blocks intact: %s\n", early_blocks_intact() ? "yes" : "no");
   free_early_blocks();
-  keep_until_exit(real);
+  // A small block, a page block and a large block, resized by the library's finaliser.
+  memset(real, 0x44, 100);
+  keep_until_exit(real, 100, 0x44);
+  void* page = malloc(20000);
+  memset(page, 0x55, 20000);
+  keep_until_exit(page, 20000, 0x55);
+  void* large = malloc(3000000);
+  memset(large, 0x66, 3000000);
+  keep_until_exit(large, 3000000, 0x66);
   fflush(stdout);
   return 0;
 }

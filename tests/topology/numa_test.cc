@@ -176,8 +176,8 @@ TEST_F(Numa_test, MachineTopologyAndBinding) {
 
 
 // With every mask empty the kernel refuses: the line is built without allocating and the
-// call returns; a node beyond the masks fails the same way; the fit test lets a request under
-// one page through to an absent node.
+// call returns with errno as it was (the child exits with 3 otherwise); a node beyond the masks
+// fails the same way; the fit test lets a request under one page through to an absent node.
 TEST_F(Numa_test, FailedBindingReportsWithoutAllocating) {
   alignas(4096) static unsigned char ptr[8 * 4096];
   char hex[32];
@@ -185,7 +185,9 @@ TEST_F(Numa_test, FailedBindingReportsWithoutAllocating) {
   struct Case { bool bool_fit_test; unsigned long ulong_size; unsigned int uint_node; bool bool_said; };
   for (Case c : {Case{false, sizeof(ptr), 5, true}, {false, sizeof(ptr), 40, true}, {true, 4095, 7, true}, {true, 4096, 7, false}}) {
     auto outcome = malloc_call_counter::run_in_child([c] {
+      errno = EDOM;
       c.bool_fit_test ? numa_memory_page_bind_node(ptr, c.ulong_size, c.uint_node) : numa_mem_bind_to_node(ptr, c.ulong_size, c.uint_node);
+      if (errno != EDOM) _exit(3);
     });
     EXPECT_EQ(outcome.int_status, 0);
     EXPECT_EQ(outcome.str_stderr, !c.bool_said ? "" : std::string("Error: numa_mem_bind_to_node() failed. ptr_void_in=") + hex +

@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -33,8 +34,14 @@ TEST(Aligned, ShapesAndCapacities) {
 }
 
 TEST(Aligned, ZeroAlignmentAndZeroSize) {
+  errno = 0;
   void* zero_alignment = memalign(0, 100);
-  EXPECT_EQ(malloc_usable_size(zero_alignment), 8u) << "rounded to 0: malloc(0)";
+  if (QUORLA_TEST_HARDENED) {
+    EXPECT_EQ(zero_alignment, nullptr) << "the hardened build refuses an alignment of 0";
+    EXPECT_EQ(errno, EINVAL);
+  } else {
+    EXPECT_EQ(malloc_usable_size(zero_alignment), 8u) << "rounded to 0: malloc(0)";
+  }
   void* zero_size = memalign(4096, 0);
   EXPECT_EQ(malloc_usable_size(zero_size), 32u) << "a size of 0 is served at the 32-byte class: no page alignment";
   free(zero_alignment);

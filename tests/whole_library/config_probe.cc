@@ -8,6 +8,7 @@
 //
 //   small    malloc(64), free           (no trigger)
 //   128      malloc(128), free          (the first 128-byte request)
+//   errno128 malloc(128) with errno set to EDOM before: prints errno after it; free
 //   large    malloc(3 MB): prints how many of its pages are resident before any touch; free
 //   region   malloc(2 MB): prints whether the background thread was started or requested; free
 //   thread   a second thread allocates 64 bytes, then the main thread allocates 64 bytes
@@ -37,6 +38,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -352,6 +354,12 @@ int main(int argc, char** argv) {
     if (strcmp(action, "small") == 0 || strcmp(action, "128") == 0) {
       void* p = malloc(action[0] == 's' ? 64 : 128);
       static_cast<volatile char*>(p)[0] = 1;
+      free(p);
+    } else if (strcmp(action, "errno128") == 0) {
+      errno = EDOM;
+      void* p = malloc(128);
+      int after = errno;
+      print_value("errno_after_128", static_cast<unsigned long>(after));
       free(p);
     } else if (strcmp(action, "large") == 0) {
       void* p = malloc(k_large);

@@ -22,8 +22,9 @@ struct Library {
   unsigned long ulong_base = 0;
 };
 
+// libquorlamalloc.so or its hardened twin libquorlamalloc_hardened.so.
 inline int find_library(struct dl_phdr_info* info, size_t, void* data) {
-  if (info->dlpi_name == nullptr || strstr(info->dlpi_name, "libquorlamalloc.so") == nullptr) return 0;
+  if (info->dlpi_name == nullptr || strstr(info->dlpi_name, "/libquorlamalloc") == nullptr) return 0;
   auto* library = static_cast<Library*>(data);
   library->ptr_path = info->dlpi_name;
   library->ulong_base = info->dlpi_addr;

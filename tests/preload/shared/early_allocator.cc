@@ -1,7 +1,8 @@
 // A library that allocates in its initialiser, before the allocator it is loaded with has
 // started, and again in its finaliser, after that allocator has shut down. Its initialiser
-// runs first and its finaliser last because the program needs it and the allocator is
-// preloaded before it.
+// runs first because it is linked with -z initfirst and loaded after the allocator (the
+// loader honours the last object so marked); its finaliser runs last because the program
+// needs it and the allocator is preloaded before it.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,7 +14,14 @@ namespace {
 
 constexpr int k_blocks = 8;
 unsigned char* g_early[k_blocks];
-void* g_late_real_block = nullptr;
+// Real blocks kept by the program until this finaliser, with their size and fill byte.
+struct Kept_block {
+  void* ptr;
+  size_t byte;
+  unsigned char fill;
+};
+Kept_block g_late_real_blocks[3];
+int g_late_real_count = 0;
 bool g_early_in_break = true;
 
 bool in_break_area(const void* ptr) {
@@ -34,9 +42,20 @@ __attribute__((constructor)) void allocate_early() {
 }
 
 __attribute__((destructor)) void allocate_late() {
-  // The allocator has shut down: a real block is ignored, a request is served by the
-  // start-up heap.
-  free(g_late_real_block);
+  // The allocator has shut down. Resizing a real block keeps its contents (a small block, a
+  // page block, a large block kept in place); freeing one is ignored; a request is served by
+  // the start-up heap.
+  bool kept = g_late_real_count == 3;
+  for (int i = 0; i < g_late_real_count; ++i) {
+    Kept_block& block = g_late_real_blocks[i];
+    const size_t new_byte = block.byte < 2000000 ? block.byte * 3 : block.byte / 2;
+    auto* moved = static_cast<unsigned char*>(realloc(block.ptr, new_byte));
+    const size_t check_byte = new_byte < block.byte ? new_byte : block.byte;
+    for (size_t j = 0; moved != nullptr && j < check_byte; ++j) kept = kept && moved[j] == block.fill;
+    kept = kept && moved != nullptr;
+    free(moved);
+  }
+  say(kept ? "late realloc keeps the contents\n" : "late realloc lost the contents\n");
   void* late = malloc(100);
   say(late != nullptr && in_break_area(late) ? "late malloc from the start-up heap\n" : "late malloc elsewhere\n");
   memset(late, 1, 100);
@@ -63,7 +82,9 @@ __attribute__((visibility("default"))) void free_early_blocks() {
   for (int i = k_blocks - 1; i >= 0; --i) free(g_early[i]);
 }
 
-__attribute__((visibility("default"))) void keep_until_exit(void* real_block) { g_late_real_block = real_block; }
+__attribute__((visibility("default"))) void keep_until_exit(void* real_block, size_t byte, unsigned char fill) {
+  if (g_late_real_count < 3) g_late_real_blocks[g_late_real_count++] = Kept_block{real_block, byte, fill};
+}
 
 __attribute__((visibility("default"))) bool is_in_start_up_heap(const void* ptr) { return in_break_area(ptr); }
 }
