@@ -14,7 +14,7 @@
 
 #include <mutex>
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 
 #include "foundation/quorla_crc32c.h"
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

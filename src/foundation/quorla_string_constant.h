@@ -3,7 +3,7 @@
 // while the start-up heap serves, their arrays live there.
 #pragma once
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

@@ -10,7 +10,7 @@
 
 #include <sys/types.h>
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 #include "foundation/quorla_unordered_map.h"
 #include "foundation/quorla_vector.h"
 

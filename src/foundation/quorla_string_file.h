@@ -4,7 +4,7 @@
 // Files are created with mode 0644 (less the umask). Reentrant; the caller owns the strings.
 #pragma once
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

@@ -8,7 +8,7 @@
 // end delimiter. Not thread-safe on a shared string.
 #pragma once
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

@@ -4,7 +4,7 @@
 // serve code above the allocator only.
 #pragma once
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 namespace quorla {
 

@@ -16,7 +16,7 @@
 // g_uchar_message_out_level, and the variable keeps its old value.
 #pragma once
 
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 #include "foundation/quorla_unordered_map.h"
 #include "foundation/quorla_vector.h"
 

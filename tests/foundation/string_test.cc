@@ -1,7 +1,7 @@
 // The library's string: zero default, the one growth rule, moves, 32-bit limits, the
 // search and edit semantics where they differ from std::string, self-referencing
 // arguments, and the range aborts with their lines.
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 #include <gtest/gtest.h>
 
@@ -189,10 +189,10 @@ TEST(String, HashesItsBytesAndKeysAMapThroughRehashes) {
 TEST(StringDeathTest, RangeErrorsAbortWithTheirLines) {
   string s("abc");
   EXPECT_DEATH(s.erase(3, 1),
-               "Error: out_of_range\\. uint_pos_in=3, size\\(\\)=3, File=quorla_string, Line=[0-9]+, Func=erase\r\n");
+               "Error: out_of_range\\. uint_pos_in=3, size\\(\\)=3, File=quorla_string_class, Line=[0-9]+, Func=erase\r\n");
   EXPECT_DEATH(s.erase(s.begin() + 1, s.begin() + 5),
                "Error: out_of_range\\. uint_offset_it_first=1, uint_offset_it_last=5, size\\(\\)=3, "
-               "File=quorla_string, Line=[0-9]+, Func=erase\r\n");
+               "File=quorla_string_class, Line=[0-9]+, Func=erase\r\n");
   EXPECT_DEATH(s.erase(s.begin() + 2, s.begin() + 1), "uint_offset_it_first=2, uint_offset_it_last=1");
   EXPECT_DEATH(s.insert(4, "x"), "uint_pos_in=4, size\\(\\)=3, .*Func=insert_prepare\r\n");
   EXPECT_DEATH(s.replace(4, 1, "x"), "uint_pos_in=4, size\\(\\)=3, .*Func=replace_prepare\r\n");

@@ -2,7 +2,7 @@
 // size and its terminator, at least 16) reached only through reserve or reserve_for_insert,
 // so a string doubles as it fills. A text argument may point into this string's own array:
 // the writers below re-derive or copy it before the array can move.
-#include "foundation/quorla_string.h"
+#include "foundation/quorla_string_class.h"
 
 #include <cstdlib>
 
