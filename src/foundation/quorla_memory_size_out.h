@@ -43,4 +43,12 @@ Stack_message<N>& append_bits_end(Stack_message<N>& line, unsigned long all, uns
   return append_free_rate_end(line, free, all);
 }
 
+// ", byte_size=" bytes ", bit_size=" bits ", count_num=" count "\r\n": the end of a line naming
+// one run of blocks or pages.
+template <unsigned int N>
+Stack_message<N>& append_run_end(Stack_message<N>& line, unsigned long byte_size, unsigned long bit_size,
+                                 unsigned long count) {
+  return line.text(", byte_size=").dec(byte_size).text(", bit_size=").dec(bit_size).text(", count_num=").dec(count).end_line();
+}
+
 }  // namespace quorla

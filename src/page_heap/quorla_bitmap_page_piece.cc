@@ -3,6 +3,7 @@
 // Neither allocates; each line is built on the stack and written with one fputs.
 #include "page_heap/quorla_bitmap_page_piece.h"
 
+#include "foundation/quorla_memory_size_out.h"
 #include "foundation/quorla_stack_message.h"
 #include "page_heap/quorla_bitmap_page_group.h"
 
@@ -47,19 +48,12 @@ void Memory_bitmap_page_piece::check_memory_leak() const {
   for (unsigned int i = 1; i < 512; ++i) {
     unsigned long bit_size = slots[i];
     if (bit_size < 1 || bit_size > 511) continue;
-    Stack_message<1024>()
-        .text("Warn: Memory_bitmap_page_piece::check_memory_leak() leak_ptr=")
+    Stack_message<1024> line;
+    line.text("Warn: Memory_bitmap_page_piece::check_memory_leak() leak_ptr=")
         .hex_lower(ptr_byte_block + i * k_page_byte)
         .text(", bit_offset=")
-        .dec(i)
-        .text(", byte_size=")
-        .dec(bit_size << 12)
-        .text(", bit_size=")
-        .dec(bit_size)
-        .text(", count_num=")
-        .dec(++count)
-        .end_line()
-        .write(stderr);
+        .dec(i);
+    append_run_end(line, bit_size << 12, bit_size, ++count).write(stderr);
   }
 }
 

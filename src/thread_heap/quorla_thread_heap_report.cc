@@ -51,19 +51,12 @@ void Memory_bitmap_piece::print() const {
   for (unsigned int block = 0; block < 512; ++block) {
     unsigned int bit_size = nibble_of(ar_uchar_bit_size, block);
     if (bit_size == 0) continue;
-    Stack_message<512>()
-        .text("Log: Memory_bitmap_page_piece::print() 3. ptr=")
+    Stack_message<512> line;
+    line.text("Log: Memory_bitmap_page_piece::print() 3. ptr=")
         .hex_lower(ptr_block + static_cast<unsigned long>(block) * uint_bit_ref_byte)
         .text(", offset=")
-        .dec(block)
-        .text(", byte_size=")
-        .dec(static_cast<unsigned long>(bit_size) * uint_bit_ref_byte)
-        .text(", bit_size=")
-        .dec(bit_size)
-        .text(", count_num=")
-        .dec(++count)
-        .end_line()
-        .write(stderr);
+        .dec(block);
+    append_run_end(line, static_cast<unsigned long>(bit_size) * uint_bit_ref_byte, bit_size, ++count).write(stderr);
   }
 }
 
